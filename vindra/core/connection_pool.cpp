@@ -1,0 +1,197 @@
+#include "vindra/core/connection_pool.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <new>
+#include <vector>
+
+#include <sys/mman.h>
+
+#if defined(__SANITIZE_ADDRESS__)
+#define VINDRA_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define VINDRA_ASAN 1
+#endif
+#endif
+
+#ifdef VINDRA_ASAN
+#include <sanitizer/asan_interface.h>
+#include <sanitizer/lsan_interface.h>
+#endif
+
+namespace connection_pool {
+
+namespace {
+
+constexpr std::size_t page = 4096;
+constexpr std::size_t cache_line = 64;
+constexpr std::size_t slots_per_region = 64;
+
+// What a connection surely touches: its first fields with a small answer behind them, and
+// its last fields. These bytes are wiped in place, all between goes back to the kernel.
+constexpr std::size_t warm_head = 1024;
+constexpr std::size_t warm_tail = 1024;
+
+char* page_floor(char* p) {
+    return p - reinterpret_cast<std::uintptr_t>(p) % page;
+}
+char* page_ceiling(char* p) {
+    return page_floor(p + page - 1);
+}
+
+void poison([[maybe_unused]] char* begin, [[maybe_unused]] std::size_t size) {
+#ifdef VINDRA_ASAN
+    __asan_poison_memory_region(begin, size);
+#endif
+}
+
+void unpoison([[maybe_unused]] char* begin, [[maybe_unused]] std::size_t size) {
+#ifdef VINDRA_ASAN
+    __asan_unpoison_memory_region(begin, size);
+#endif
+}
+
+// Hands the whole pages of [begin, end) back to the kernel; they read zero from then on.
+void discard(char* begin, char* end) {
+    if (begin < end) madvise(begin, static_cast<std::size_t>(end - begin), MADV_DONTNEED);
+}
+
+// A stretch of mapped memory that is cut into slots from the front.
+struct region {
+    char* begin;
+    std::size_t slots_cut = 0;
+    bool in_use[slots_per_region] = {};
+};
+
+// All slots of one size.
+class slot_class {
+public:
+    explicit slot_class(std::size_t stride) : stride_(stride) {}
+
+    std::size_t stride() const { return stride_; }
+
+    char* take() {
+        char* slot = free_.empty() ? cut() : free_.back();
+        if (!free_.empty()) free_.pop_back();
+        mark(slot, true);
+        return slot;
+    }
+
+    void give_back(char* slot, std::size_t size) {
+        wipe(slot, size);
+        mark(slot, false);
+        if (free_.size() >= warm_slots_max) discard_all_pages(slot);
+        free_.push_back(slot);
+    }
+
+private:
+    std::size_t region_bytes() const {
+        return (stride_ * slots_per_region + page - 1) / page * page;
+    }
+
+    char* cut() {
+        if (regions_.empty() || newest().slots_cut == slots_per_region) add_region();
+        return newest().begin + stride_ * newest().slots_cut++;
+    }
+
+    void add_region() {
+        void* memory = mmap(nullptr, region_bytes(), PROT_READ | PROT_WRITE,
+                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+        if (memory == MAP_FAILED) throw std::bad_alloc();
+        // A huge page would make a mostly empty slot resident as a whole.
+        madvise(memory, region_bytes(), MADV_NOHUGEPAGE);
+#ifdef VINDRA_ASAN
+        // Connections own heap memory: the leak checker has to look for it here.
+        __lsan_register_root_region(memory, region_bytes());
+#endif
+        poison(static_cast<char*>(memory), region_bytes());
+        const auto place = std::upper_bound(
+            regions_.begin(), regions_.end(), static_cast<char*>(memory),
+            [](const char* address, const region& r) { return address < r.begin; });
+        newest_ = static_cast<std::size_t>(place - regions_.begin());
+        regions_.insert(place, region{static_cast<char*>(memory)});
+    }
+
+    region& newest() {
+        return regions_[newest_];
+    }
+
+    region& region_of(const char* slot) {
+        const auto next = std::upper_bound(
+            regions_.begin(), regions_.end(), slot,
+            [](const char* address, const region& r) { return address < r.begin; });
+        return *(next - 1);
+    }
+
+    void mark(const char* slot, bool used) {
+        region& r = region_of(slot);
+        r.in_use[static_cast<std::size_t>(slot - r.begin) / stride_] = used;
+    }
+
+    static void wipe(char* slot, std::size_t size) {
+        char* const end = slot + size;
+        char* const cold_begin = page_ceiling(slot + std::min(warm_head, size));
+        char* const cold_end = page_floor(end - std::min(warm_tail, size));
+        if (cold_begin >= cold_end) {
+            std::memset(slot, 0, size);
+            return;
+        }
+        std::memset(slot, 0, static_cast<std::size_t>(cold_begin - slot));
+        discard(cold_begin, cold_end);
+        std::memset(cold_end, 0, static_cast<std::size_t>(end - cold_end));
+    }
+
+    // A page at either edge is shared with a neighbour and can go only when that one is
+    // free as well; free slots are all zero, so nothing is lost of it.
+    void discard_all_pages(char* slot) {
+        const region& r = region_of(slot);
+        const std::size_t index = static_cast<std::size_t>(slot - r.begin) / stride_;
+        const bool alone_before = index == 0 || !r.in_use[index - 1];
+        const bool alone_behind = index + 1 == slots_per_region || !r.in_use[index + 1];
+        char* const end = slot + stride_;
+        discard(alone_before ? page_floor(slot) : page_ceiling(slot),
+                alone_behind ? page_ceiling(end) : page_floor(end));
+    }
+
+    std::size_t stride_;
+    /// Sorted by address.
+    std::vector<region> regions_;
+    /// Index of the region that slots are cut from.
+    std::size_t newest_ = 0;
+    /// Last in, first out: the warmest slot is used next.
+    std::vector<char*> free_;
+};
+
+// Classes of about one size share their slots. The odd cache line makes the offset in a page
+// another one for every slot of a region.
+std::size_t stride_for(std::size_t size) {
+    constexpr std::size_t grain = 1024;
+    return (size + grain - 1) / grain * grain + cache_line;
+}
+
+slot_class& class_for(std::size_t size) {
+    // Never destroyed: connections may be deleted while the process exits.
+    static std::vector<slot_class>& classes = *new std::vector<slot_class>;
+    const std::size_t stride = stride_for(size);
+    for (slot_class& c : classes)
+        if (c.stride() == stride) return c;
+    return classes.emplace_back(stride);
+}
+
+} // namespace
+
+void* allocate(std::size_t size) {
+    char* slot = class_for(size).take();
+    unpoison(slot, size);
+    return slot;
+}
+
+void release(void* storage, std::size_t size) {
+    char* slot = static_cast<char*>(storage);
+    class_for(size).give_back(slot, size);
+    poison(slot, size);
+}
+
+} // namespace connection_pool

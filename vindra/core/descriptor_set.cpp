@@ -1,0 +1,37 @@
+#include "vindra/core/descriptor_set.h"
+
+#include "vindra/core/registry.h"
+
+#include <algorithm>
+
+namespace sockets {
+
+void descriptor_set::set(int fd) {
+    if (fd < 0) return;
+    insert(fd);
+    if (registry_ != nullptr) registry_->on_set(fd);
+}
+
+void descriptor_set::clear(int fd) {
+    if (erase(fd) && registry_ != nullptr) registry_->on_clear(fd);
+}
+
+bool descriptor_set::insert(int fd) {
+    if (test(fd)) return false;
+    const std::size_t word = static_cast<std::size_t>(fd) / 64;
+    if (word >= words_.size()) words_.resize(std::max(word + 1, 2 * words_.size()));
+    words_[word] |= std::uint64_t{1} << (fd % 64);
+    return true;
+}
+
+bool descriptor_set::erase(int fd) {
+    if (!test(fd)) return false;
+    words_[static_cast<std::size_t>(fd) / 64] &= ~(std::uint64_t{1} << (fd % 64));
+    return true;
+}
+
+void descriptor_set::erase_all() {
+    std::fill(words_.begin(), words_.end(), 0);
+}
+
+} // namespace sockets

@@ -1,0 +1,245 @@
+#include "vindra/core/registry.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include <poll.h>
+#include <sys/epoll.h>
+
+namespace sockets {
+
+namespace {
+
+// What the classic wait counts as readable, writable and exceptional.
+constexpr unsigned read_events = EPOLLIN | EPOLLRDNORM | EPOLLRDBAND | EPOLLHUP | EPOLLERR;
+constexpr unsigned write_events = EPOLLOUT | EPOLLWRNORM | EPOLLWRBAND | EPOLLERR;
+constexpr unsigned urgent_events = EPOLLPRI;
+
+static_assert(EPOLLIN == POLLIN && EPOLLOUT == POLLOUT && EPOLLPRI == POLLPRI &&
+                  EPOLLHUP == POLLHUP && EPOLLERR == POLLERR,
+              "answers of poll() and news of epoll are read by the same masks");
+
+std::uint64_t pack(int fd, std::uint32_t life) {
+    return std::uint64_t{life} << 32 | static_cast<std::uint32_t>(fd);
+}
+
+} // namespace
+
+registry& registry::instance() {
+    static registry& r = *new registry;
+    return r;
+}
+
+registry::registry() {
+    all.registry_ = this;
+}
+
+registry::watch& registry::at(int fd) {
+    const auto index = static_cast<std::size_t>(fd);
+    if (index >= watches_.size()) watches_.resize(std::max(index + 1, 2 * watches_.size()));
+    return watches_[index];
+}
+
+void registry::on_set(int fd) {
+    readable.erase(fd);
+    writable.erase(fd);
+    errors.erase(fd);
+
+    watch& w = at(fd);
+    w.watched = false;
+    w.may_read = w.may_be_urgent = w.full = false;
+    if (!w.changed) changed_.push_back(fd);
+    w.changed = true;
+}
+
+void registry::on_clear(int fd) {
+    watch& w = at(fd);
+    w.may_read = w.may_be_urgent = w.full = false;
+    if (!w.changed) changed_.push_back(fd);
+    w.changed = true;
+}
+
+void registry::forget(int fd) {
+    ready.erase(fd);
+    readable.erase(fd);
+    writable.erase(fd);
+    errors.erase(fd);
+    if (!all.erase(fd)) return;
+
+    // The kernel drops a closed descriptor by itself, so there is no change to tell it of.
+    watch& w = at(fd);
+    w.watched = w.may_read = w.may_be_urgent = w.full = false;
+}
+
+void registry::drained(int fd) {
+    if (all.test(fd)) at(fd).may_read = false;
+}
+
+void registry::filled(int fd) {
+    if (all.test(fd)) at(fd).full = true;
+}
+
+bool registry::wait(int milliseconds) {
+    clear_results();
+    std::swap(marked_.words_, ready.words_);
+    ready.erase_all();
+
+    if (find_ready(milliseconds)) return true;
+    clear_results();
+    num_ready = -1;
+    return false;
+}
+
+void registry::clear_results() {
+    readable.erase_all();
+    writable.erase_all();
+    errors.erase_all();
+    num_ready = 0;
+}
+
+bool registry::find_ready(int milliseconds) {
+    if (!apply_changes()) return false;
+    gather_questions();
+    if (questions_.empty()) return take_news(milliseconds);
+
+    bool news = false;
+    if (!ask(milliseconds, news)) return false;
+    return !news || take_news(0);
+}
+
+// Tells the kernel what has come and gone since the last wait. What it refuses stays in
+// the list, so that a shortage that passes is overcome at a later wait.
+bool registry::apply_changes() {
+    if (epoll_ < 0) epoll_ = epoll_create1(EPOLL_CLOEXEC);
+    if (epoll_ < 0) return false;
+
+    while (!changed_.empty()) {
+        const int fd = changed_.back();
+        watch& w = at(fd);
+        if (!tell_kernel(fd, w)) return false;
+        w.changed = false;
+        changed_.pop_back();
+    }
+    return true;
+}
+
+bool registry::tell_kernel(int fd, watch& w) {
+    if (!all.test(fd)) {
+        // It may be closed by now, or never have been watched: both are fine.
+        if (w.watched) epoll_ctl(epoll_, EPOLL_CTL_DEL, fd, nullptr);
+        w.watched = false;
+        return true;
+    }
+    if (w.watched) return true;
+
+    epoll_event event{};
+    event.events = EPOLLIN | EPOLLOUT | EPOLLPRI | EPOLLRDHUP | EPOLLET;
+    event.data.u64 = pack(fd, ++w.life);
+    // A number that was set twice is still watched; changing it brings its state as news
+    // once more, as adding it does.
+    w.watched = epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event) == 0 ||
+                (errno == EEXIST && epoll_ctl(epoll_, EPOLL_CTL_MOD, fd, &event) == 0);
+    if (w.watched) return true;
+    if (errno != EPERM) return false;
+
+    // A regular file cannot be watched and has no news: it is ready whenever asked.
+    w.watched = true;
+    w.may_read = true;
+    list_unsettled(fd, w);
+    return true;
+}
+
+void registry::list_unsettled(int fd, watch& w) {
+    if (!w.listed) unsettled_.push_back(fd);
+    w.listed = true;
+}
+
+void registry::gather_questions() {
+    questions_.clear();
+
+    std::size_t kept = 0;
+    for (const int fd : unsettled_) {
+        watch& w = at(fd);
+        w.listed = all.test(fd) && (w.may_read || w.may_be_urgent);
+        if (!w.listed) continue;
+        unsettled_[kept++] = fd;
+        const int events = (w.may_read ? POLLIN : 0) | (w.may_be_urgent ? POLLPRI : 0);
+        questions_.push_back({fd, static_cast<short>(events), 0});
+    }
+    unsettled_.resize(kept);
+
+    for (std::size_t word = 0; word < marked_.words_.size(); ++word) {
+        for (std::uint64_t bits = marked_.words_[word]; bits != 0; bits &= bits - 1) {
+            const int fd = static_cast<int>(word * 64) + __builtin_ctzll(bits);
+            if (all.test(fd) && at(fd).full) continue;
+            questions_.push_back({fd, POLLOUT, 0});
+        }
+    }
+}
+
+// Asks about all that is open, and in the same call whether the kernel has news: a turn that
+// only writes then needs no second one.
+bool registry::ask(int milliseconds, bool& news) {
+    questions_.push_back({epoll_, POLLIN, 0});
+    if (poll(questions_.data(), questions_.size(), milliseconds) < 0) return false;
+
+    news = questions_.back().revents != 0;
+    questions_.pop_back();
+    for (const pollfd& q : questions_) on_answer(q.fd, q.events, q.revents);
+    return true;
+}
+
+bool registry::take_news(int milliseconds) {
+    // Room for every watched descriptor, so that one call brings all there is.
+    if (news_.size() < watches_.size() + 1) news_.resize(watches_.size() + 1);
+
+    const int count =
+        epoll_wait(epoll_, news_.data(), static_cast<int>(news_.size()), milliseconds);
+    for (int i = 0; i < count; ++i) on_news(news_[static_cast<std::size_t>(i)]);
+    return count >= 0;
+}
+
+void registry::on_answer(int fd, short asked, short answer) {
+    const auto events = static_cast<unsigned>(answer);
+    if ((asked & POLLOUT) != 0) {
+        if ((events & write_events) != 0) report(writable, fd);
+        return;
+    }
+
+    watch& w = at(fd);
+    if (w.may_read) {
+        w.may_read = (events & read_events) != 0;
+        if (w.may_read) report(readable, fd);
+    }
+    if (w.may_be_urgent) {
+        w.may_be_urgent = (events & urgent_events) != 0;
+        if (w.may_be_urgent) report(errors, fd);
+    }
+}
+
+void registry::on_news(const epoll_event& event) {
+    const int fd = static_cast<int>(event.data.u64 & 0xFFFFFFFFU);
+    watch& w = at(fd);
+    // News of a socket that was closed here but lives on as a copy somewhere else.
+    if (!all.test(fd) || event.data.u64 != pack(fd, w.life)) return;
+
+    if ((event.events & read_events) != 0) {
+        w.may_read = true;
+        report(readable, fd);
+    }
+    if ((event.events & urgent_events) != 0) {
+        w.may_be_urgent = true;
+        report(errors, fd);
+    }
+    if ((event.events & write_events) != 0) {
+        w.full = false;
+        if (marked_.test(fd)) report(writable, fd);
+    }
+    if (w.may_read || w.may_be_urgent) list_unsettled(fd, w);
+}
+
+void registry::report(descriptor_set& result, int fd) {
+    if (result.insert(fd)) ++num_ready;
+}
+
+} // namespace sockets

@@ -1,0 +1,100 @@
+#pragma once
+
+#include "vindra/core/descriptor_set.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+struct epoll_event;
+struct pollfd;
+
+namespace sockets {
+
+/// What stands behind the five sets: edge-triggered epoll that answers like a plain wait.
+///
+/// The kernel tells of news once. From then on a descriptor is *unsettled*: there may be more
+/// to read, so it is asked about with poll() at each wait, until either the answer is no or
+/// whoever reads says so first (drained()). A descriptor in `ready` is asked about in the same
+/// call, unless its writer has met a full socket (filled()) and no news has come since.
+///
+///     news from epoll -> unsettled -- poll() says no, or drained() --> settled -> news ...
+///
+/// So nothing is missed that others leave behind, nothing is reported that is no longer
+/// there, and a connection with nothing to do costs nothing.
+///
+/// For the library's own use; applications use the functions of sockets.h.
+class registry {
+public:
+    /// The one registry. Never destroyed: static objects may close sockets on the way out.
+    static registry& instance();
+
+    registry(const registry&) = delete;
+    registry& operator=(const registry&) = delete;
+
+    /// One wait of at most `milliseconds`. False when it failed: the results are empty then,
+    /// `num_ready` is -1 and errno tells why.
+    bool wait(int milliseconds);
+
+    /// Takes `fd` out of every set, knowing that its owner closes it now.
+    void forget(int fd);
+
+    void drained(int fd);
+    void filled(int fd);
+
+    /// `all` has gained or lost a number. The kernel is told at the next wait.
+    void on_set(int fd);
+    void on_clear(int fd);
+
+    descriptor_set all;
+    descriptor_set ready;
+    descriptor_set readable;
+    descriptor_set writable;
+    descriptor_set errors;
+    int num_ready = 0;
+
+private:
+    /// What is known of one number.
+    struct watch {
+        /// Counts the lives of the number, so that an event of an earlier one is known as such.
+        std::uint32_t life = 0;
+        /// The kernel watches this life.
+        bool watched = false;
+        /// Stands in `changed_`.
+        bool changed = false;
+        /// Stands in `unsettled_`.
+        bool listed = false;
+        /// There may be something to read, or urgent data.
+        bool may_read = false;
+        bool may_be_urgent = false;
+        /// The last write met a full socket.
+        bool full = false;
+    };
+
+    registry();
+
+    watch& at(int fd);
+    void clear_results();
+    bool find_ready(int milliseconds);
+    bool apply_changes();
+    bool tell_kernel(int fd, watch& w);
+    void list_unsettled(int fd, watch& w);
+    void gather_questions();
+    bool ask(int milliseconds, bool& news);
+    bool take_news(int milliseconds);
+    void on_answer(int fd, short asked, short answer);
+    void on_news(const epoll_event& event);
+    void report(descriptor_set& result, int fd);
+
+    int epoll_ = -1;
+    std::vector<watch> watches_;
+    std::vector<int> changed_;
+    std::vector<int> unsettled_;
+    std::vector<pollfd> questions_;
+    std::vector<epoll_event> news_;
+
+    /// The orders of the wait in progress.
+    descriptor_set marked_;
+};
+
+} // namespace sockets

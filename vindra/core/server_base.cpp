@@ -1,0 +1,197 @@
+#include "vindra/core/server_base.h"
+
+#include "vindra/core/sockets.h"
+
+#include <cerrno>
+#include <cstdio>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+server_base::server_base(int listen_port, bool only_localhost)
+    : port(listen_port), localhost_only(only_localhost) {}
+
+server_base::~server_base() noexcept(false) {
+    stop();
+}
+
+bool server_base::start() {
+    if (port == 0) return true;
+    if (fd != -1) {
+        std::puts("server already started");
+        return false;
+    }
+    if (!sockets::listen(fd, localhost_only, port)) return false;
+    sockets::all()->set(fd);
+    return true;
+}
+
+void server_base::stop() {
+    if (port != 0) {
+        sockets::close(fd);
+        fd = -1;
+    }
+    while (connections.count >= 1) end_connection(connections.pop());
+}
+
+void server_base::end_connection(connection* conn) {
+    sockets::close(conn->fd);
+    on_remove(conn);
+    delete conn;
+}
+
+bool server_base::accept_connection() {
+    sockaddr_in peer{};
+    socklen_t length = sizeof peer;
+    const int client =
+        accept4(fd, reinterpret_cast<sockaddr*>(&peer), &length, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (client < 0) {
+        std::puts("accept() failed");
+        return false;
+    }
+
+    connection* conn = create_connection(static_cast<int>(peer.sin_addr.s_addr));
+    if (conn == nullptr) {
+        sockets::close(client);
+        return true;
+    }
+    conn->port = ntohs(peer.sin_port);
+    conn->fd = client;
+    conn->address = peer.sin_addr.s_addr;
+    conn->server = this;
+
+    if (on_accept(conn)) {
+        connections.add(conn);
+        sockets::all()->set(client);
+    } else {
+        delete conn;
+        sockets::close(client);
+    }
+    return true;
+}
+
+bool server_base::on_accept(connection* /*conn*/) {
+    return true;
+}
+
+void server_base::on_remove(connection* /*conn*/) {}
+
+// Any other error than a full or an empty socket needs a second call to show the end that it
+// announces (a refused connection gives -1 and then 0), so no hint is given for it.
+int server_base::recv(connection* conn, char* buffer, int length) {
+    const auto count = ::recv(conn->fd, buffer, static_cast<std::size_t>(length), 0);
+    if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) sockets::drained(conn->fd);
+    return static_cast<int>(count);
+}
+
+int server_base::send(connection* conn, char* buffer, int length) {
+    const auto count = ::send(conn->fd, buffer, static_cast<std::size_t>(length), 0);
+    if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) sockets::filled(conn->fd);
+    return static_cast<int>(count);
+}
+
+void server_base::update_with(char* receive_buffer) {
+    if (sockets::num_ready() < 0) return restart_after_failed_wait_();
+
+    const std::time_t now = std::time(nullptr);
+    walk_([&](connection& conn) { service_(conn, receive_buffer, now); });
+
+    if (port != 0 && sockets::readable()->test(fd) && !accept_connection()) {
+        stop();
+        start();
+    }
+
+    walk_([&](connection& conn) { ask_(conn); });
+    report_(now);
+    connection::selected() = nullptr;
+}
+
+// errno is the wait's, and the servers updated after this one look at it too.
+void server_base::restart_after_failed_wait_() {
+    const int error = errno;
+    if (error != EINTR) {
+        stop();
+        start();
+    }
+    errno = error;
+}
+
+// Visits the connection behind the cursor, then moves on. A removal spends the cursor; the
+// walk goes on from the node behind the removed one, whose connection is thus passed over.
+template <typename Visit>
+void server_base::walk_(Visit visit) {
+    connections.prev = connections.head;
+    connections.next = nullptr;
+    while (connections.prev != nullptr && connections.prev->next != nullptr) {
+        connection* conn = connections.prev->next->value;
+        connection::selected() = conn;
+        visit(*conn);
+        if (connections.prev != nullptr) {
+            connections.prev = connections.prev->next;
+        } else {
+            connections.prev = connections.next;
+            connections.next = nullptr;
+        }
+    }
+}
+
+void server_base::service_(connection& conn, char* receive_buffer, std::time_t now) {
+    if (conn.timeout >= 0 && now - conn.last_active > conn.timeout) {
+        std::printf("%d has timed out.\n", conn.fd);
+        remove_visited_();
+    } else if (sockets::errors()->test(conn.fd)) {
+        std::printf("%d has errors.\n", conn.fd);
+        remove_visited_();
+    } else if (sockets::readable()->test(conn.fd)) {
+        read_(conn, receive_buffer, now);
+    } else if (sockets::writable()->test(conn.fd)) {
+        write_(conn, now);
+    }
+}
+
+void server_base::read_(connection& conn, char* receive_buffer, std::time_t now) {
+    int count = 0;
+    while ((count = recv(&conn, receive_buffer, receive_buffer_size)) > 0) {
+        conn.on_recv(receive_buffer, count);
+        conn.last_active = now;
+    }
+    if (count == 0) remove_visited_();
+}
+
+void server_base::write_(connection& conn, std::time_t now) {
+    while (conn.send_length > 0) {
+        const int count = send(&conn, conn.send_buffer + conn.send_offset, conn.send_length);
+        if (count <= 0) break;
+        conn.send_length -= count;
+        conn.send_offset += count;
+    }
+    conn.last_active = now;
+    if (!conn.more && conn.send_length == 0) remove_visited_();
+}
+
+void server_base::ask_(connection& conn) {
+    if (conn.send_length == 0) {
+        conn.more = conn.on_send(conn.send_buffer, connection::send_buffer_size, &conn.send_length);
+        if (conn.send_length > 0) conn.send_offset = 0;
+    }
+    if (conn.send_length != 0) {
+        sockets::ready()->set(conn.fd);
+    } else if (!conn.more) {
+        remove_visited_();
+    }
+}
+
+void server_base::remove_visited_() {
+    connection* conn = connections.prev->next->value;
+    connections.remove();
+    end_connection(conn);
+}
+
+void server_base::report_(std::time_t now) {
+    if (now - last_report <= 5) return;
+    if (connections.count != 0 || last_count != 0)
+        std::printf("%d connections\n", connections.count);
+    last_count = connections.count;
+    last_report = now;
+}

@@ -1,0 +1,108 @@
+#pragma once
+
+#include "vindra/base/linkedlist.h"
+#include "vindra/core/abstract_server.h"
+#include "vindra/core/connection.h"
+
+#include <ctime>
+
+/// A listening socket and the connections it drives: all of a server that does not depend on
+/// the class of its connections. Derive from server<T>, which adds that.
+///
+/// One turn, update(), does in this order:
+///
+///     first pass     each connection: time-out, error, read or write, the first that applies
+///     accept         one client
+///     send pass      each connection with nothing to write: on_send()
+///     status line    every six seconds at most
+///
+/// A connection that directly follows one removed in a pass is passed over by that pass and
+/// visited in the next turn.
+///
+/// Hooks run inside update() and stop(). They may add connections to the list (those are
+/// visited in the same pass if it has not ended) and must not take any out.
+class server_base : public abstract_server {
+public:
+    /// Bytes of the buffer that received blocks are handed over in.
+    static constexpr int receive_buffer_size = 1048576;
+
+    /// A stopped server. `port` 0 makes it a disabled one: it never listens, yet drives the
+    /// connections that others put into its list.
+    server_base(int port, bool localhost_only);
+
+    /// Ends every connection, with the hooks of this class: those of a derived one are gone.
+    ~server_base() noexcept(false) override;
+
+    /// Opens the listening socket and has it watched. True for a disabled server; false, with
+    /// the reason printed, when it listens already or the socket could not be opened.
+    bool start() override;
+
+    /// Closes the listening socket and ends every connection.
+    void stop();
+
+    /// Accepts one client that waits. False only when accept() itself failed; a client that
+    /// is refused (no connection made, or on_accept() false) is closed without a word.
+    bool accept_connection();
+
+    /// Closes the socket of `conn`, calls on_remove() and deletes it. Does not take it out of
+    /// the list: do that first.
+    void end_connection(connection* conn);
+
+    /// Makes the object for a client just accepted, with `new`; null refuses the client.
+    /// `peer_address` is its IPv4 address in network byte order. The server owns the result.
+    virtual connection* create_connection(int peer_address) = 0;
+
+    /// Called once for each new client, its socket and addresses filled in, before the
+    /// connection enters the list. False refuses it: it is deleted, and on_remove() is not
+    /// called. True here.
+    virtual bool on_accept(connection* conn);
+
+    /// The last call about `conn`, whose socket is closed already; it is deleted next. Undo
+    /// here what on_accept() did. Called too for connections that others put into the list.
+    virtual void on_remove(connection* conn);
+
+    /// Moves up to `length` bytes from the socket of `conn` into `buffer`. Returns their number,
+    /// 0 when the peer has closed, negative when nothing can be had now or an error stands.
+    /// Called until it gives 0 or less. Here a plain recv(), with the hint that
+    /// sockets::drained() takes.
+    virtual int recv(connection* conn, char* buffer, int length);
+
+    /// Moves up to `length` > 0 bytes from `buffer` to the socket of `conn`. Returns their
+    /// number, or 0 or less when nothing can be moved now or an error stands. Here a plain
+    /// send(), with the hint that sockets::filled() takes.
+    virtual int send(connection* conn, char* buffer, int length);
+
+    /// Listening socket; -1 while there is none.
+    int fd = -1;
+
+    /// Every connection this server drives, clients and backends alike, in order of arrival.
+    /// The server deletes them. Its cursor is the walk's; outside update() it is stale.
+    base::linkedlist<connection*> connections;
+
+    /// Port to listen on; 0 when disabled.
+    int port;
+
+    /// True to listen on 127.0.0.1 alone.
+    bool localhost_only;
+
+    /// Second of the last status check; 0 at first.
+    std::time_t last_report = 0;
+
+    /// Count of the last status line; -1 at first, so that one is printed even for none.
+    int last_count = -1;
+
+protected:
+    /// update() over a receive buffer of receive_buffer_size bytes.
+    void update_with(char* receive_buffer);
+
+private:
+    template <typename Visit>
+    void walk_(Visit visit);
+    void restart_after_failed_wait_();
+    void service_(connection& conn, char* receive_buffer, std::time_t now);
+    void read_(connection& conn, char* receive_buffer, std::time_t now);
+    void write_(connection& conn, std::time_t now);
+    void ask_(connection& conn);
+    void remove_visited_();
+    void report_(std::time_t now);
+};
