@@ -1,0 +1,20 @@
+#pragma once
+
+/// Makes system calls of the code under test fail, so that the paths behind a failure run.
+/// Link interposed_calls.cpp into the test program: its definitions stand before the C
+/// library's.
+namespace interposed {
+
+/// errno that the next waits (epoll_wait() and poll()) fail with; 0 lets them through.
+extern int wait_error;
+
+/// errno that the next accept4() fails with; 0 lets it through. The client stays waiting.
+extern int accept_error;
+
+/// errno that the next recv() on any descriptor fails with, once; 0 lets it through.
+extern int recv_error_once;
+
+/// Most bytes that one send() may take; 0 for no limit.
+extern int send_limit;
+
+} // namespace interposed
