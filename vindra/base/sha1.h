@@ -1,0 +1,13 @@
+#pragma once
+
+#include <string>
+
+namespace base {
+
+/// SHA-1 digest of `data` (FIPS 180-4) as 20 raw bytes, not hexadecimal.
+///
+/// For protocols that ask for it, such as the WebSocket handshake; not for secrets. The
+/// length is padded in as 32 bits, so the digest of 512 MiB and more is not the published one.
+std::string sha1(const std::string& data);
+
+} // namespace base
