@@ -1,0 +1,244 @@
+// WebSocket frames, in both directions, and the channels that carry one message to many.
+//
+// A client's frame by the low seven bits of its second byte; positions count from its start:
+//
+//   bits        payload length          masking key   payload
+//   0 to 125    those bits              2 to 5        from 6
+//   126         2 and 3, low first      4 to 7        from 8
+//   127         8 to 15, low first      16 to 19      from 14
+//
+// The two extended forms are not those of RFC 6455, section 5.2: the low byte comes first, and
+// the key of the longest one lies within the payload. Payloads of up to 125 bytes are read as
+// any client writes them; what is sent follows the RFC throughout.
+
+#include "vindra/http/http_connection.h"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <optional>
+#include <utility>
+
+#include <sys/types.h>
+
+namespace {
+
+constexpr unsigned final_bit = 128;
+constexpr unsigned mask_bit = 128;
+
+// Two bytes and a masking key: the shortest frame that a client may send.
+constexpr std::size_t shortest_frame = 6;
+
+// Payloads from here on have no length form in frames that are sent.
+constexpr std::size_t payload_limit = 1048576;
+
+enum frame_kind : int { continuation = 0, text = 1, binary = 2, closing = 8, ping = 9, pong = 10 };
+
+// Positions in the bytes received. The length is a double, as it is compared with limits and
+// may be anything up to 2^64.
+struct frame_layout {
+    std::size_t key;
+    std::size_t payload;
+    double length;
+};
+
+std::uint8_t byte_at(std::string_view bytes, std::size_t at) {
+    return static_cast<std::uint8_t>(bytes[at]);
+}
+
+double low_byte_first(std::string_view bytes, std::size_t at, std::size_t count) {
+    double value = 0;
+    for (std::size_t i = count; i > 0; --i) value = value * 256 + byte_at(bytes, at + i - 1);
+    return value;
+}
+
+// Nothing while the length cannot be told. The tests for 8 and 14 look at all bytes, those of
+// earlier frames included, so a length may be known before its head is complete.
+std::optional<frame_layout> read_layout(std::string_view bytes, std::size_t at) {
+    const unsigned short_length = byte_at(bytes, at + 1) & 127U;
+    if (short_length < 126) {
+        return frame_layout{at + 2, at + 6, static_cast<double>(short_length)};
+    }
+    if (short_length == 126) {
+        if (bytes.size() < 8) return std::nullopt;
+        return frame_layout{at + 4, at + 8, low_byte_first(bytes, at + 2, 2)};
+    }
+    if (bytes.size() < 14 || bytes.size() < at + 16) return std::nullopt;
+    return frame_layout{at + 16, at + 14, low_byte_first(bytes, at + 8, 8)};
+}
+
+// Are all bytes there that unmasking reads? The key may end behind a short payload.
+bool is_complete(const frame_layout& frame, std::size_t size) {
+    if (frame.payload > size) return false;
+    if (frame.length > static_cast<double>(size - frame.payload)) return false;
+    return frame.key + std::min<std::size_t>(static_cast<std::size_t>(frame.length), 4) <= size;
+}
+
+std::string unmask(std::string_view bytes, const frame_layout& frame) {
+    std::array<char, 4> key{};
+    bytes.copy(key.data(), key.size(), frame.key);
+    std::string payload(bytes.substr(frame.payload, static_cast<std::size_t>(frame.length)));
+    for (std::size_t i = 0; i < payload.size(); ++i) {
+        payload[i] = static_cast<char>(payload[i] ^ key[i % key.size()]);
+    }
+    return payload;
+}
+
+void append_high_byte_first(std::string& out, std::uint64_t value, int bytes) {
+    for (int i = bytes - 1; i >= 0; --i) out += static_cast<char>(value >> (8 * i));
+}
+
+} // namespace
+
+void http_connection::read_frames() {
+    std::size_t done = 0;
+    while (done + shortest_frame <= data.size()) {
+        const frame_outcome_ outcome = take_frame_(done);
+        if (outcome == frame_outcome_::ended) return;
+        if (outcome == frame_outcome_::incomplete) break;
+    }
+    data.erase(0, done);
+    if (data.empty()) empty_(data);
+}
+
+// Acts on the frame at `at` and moves `at` behind it.
+http_connection::frame_outcome_ http_connection::take_frame_(std::size_t& at) {
+    const unsigned first = byte_at(data, at);
+    if (!(byte_at(data, at + 1) & mask_bit)) {
+        std::puts("Warning! Incoming frame has no mask.");
+        return end_frames_();
+    }
+
+    const std::optional<frame_layout> frame = read_layout(data, at);
+    if (!frame) return frame_outcome_::incomplete;
+    if (frame->length > max_frame_length) {
+        std::printf("Warning! Frame exceeds max length of %d.\n", max_frame_length);
+        return end_frames_();
+    }
+    if (!is_complete(*frame, data.size())) return frame_outcome_::incomplete;
+
+    const std::string payload = unmask(data, *frame);
+    at = frame->payload + payload.size();
+    return act_on_frame_(static_cast<int>(first & 15U), (first & final_bit) != 0, payload);
+}
+
+http_connection::frame_outcome_ http_connection::act_on_frame_(int code, bool final,
+                                                               const std::string& payload) {
+    switch (code) {
+    case continuation:
+    case text:
+    case binary:
+        return add_to_message_(payload, final);
+    case closing:
+        return end_frames_();
+    case ping:
+        send_message(payload, pong);
+        return frame_outcome_::taken;
+    default:
+        std::printf("Warning! Unhandled opcode: %d\n", code);
+        return frame_outcome_::taken;
+    }
+}
+
+http_connection::frame_outcome_ http_connection::add_to_message_(const std::string& payload,
+                                                                 bool final) {
+    message += payload;
+    if (message.size() > static_cast<unsigned>(max_message_length)) {
+        std::printf("Warning! Message exceeds max length of %d.\n", max_message_length);
+        return end_frames_();
+    }
+    if (final) {
+        on_message();
+        empty_(message);
+    }
+    return frame_outcome_::taken;
+}
+
+// No more frames are read; the connection ends when its queue has drained.
+http_connection::frame_outcome_ http_connection::end_frames_() {
+    keep_alive = false;
+    timeout = 0;
+    return frame_outcome_::ended;
+}
+
+void http_connection::on_message() {
+    send_message(message, text);
+}
+
+void http_connection::send_message(const std::string& payload, int opcode) {
+    const std::size_t length = payload.size();
+    std::string frame;
+    frame.reserve(length + 10);
+    frame += static_cast<char>(final_bit | (static_cast<unsigned>(opcode) & 127U));
+    if (length <= 125) {
+        frame += static_cast<char>(length);
+    } else if (length < 65536) {
+        frame += static_cast<char>(126);
+        append_high_byte_first(frame, length, 2);
+    } else if (length < payload_limit) {
+        frame += static_cast<char>(127);
+        append_high_byte_first(frame, length, 8);
+    } else {
+        // Sent all the same, without a length: the client sees a broken frame and not a silence.
+        std::printf("send_message() error! Message too long: %zd\n", static_cast<ssize_t>(length));
+    }
+    frame += payload;
+    queue_text_(std::move(frame));
+}
+
+base::hashmap<base::arraylist<http_connection*>*>& http_connection::channels() {
+    static base::hashmap<base::arraylist<http_connection*>*> h(base::orlix_hash);
+    return h;
+}
+
+bool http_connection::subscribe(const std::string& channel) {
+    // The destructor looks for members among upgraded connections only.
+    if (!upgraded) return false;
+    if (subscriptions.get(channel) != 0) return true;
+
+    subscriptions.set(channel, 1);
+    base::arraylist<http_connection*>* members = channels().get(channel);
+    if (!members) {
+        members = new base::arraylist<http_connection*>;
+        channels().set(channel, members);
+    }
+    members->add(this);
+    return true;
+}
+
+// Takes the name by value: it may be a key of either map, which dies with its entry.
+void http_connection::unsubscribe(std::string channel) {
+    if (subscriptions.unset(channel) != 0) leave_channel_(channel);
+}
+
+void http_connection::publish(const std::string& channel, const std::string& payload, int opcode) {
+    const base::arraylist<http_connection*>* members = channels().get(channel);
+    if (!members) return;
+    // send_message() only queues, so nobody joins or leaves before the loop ends.
+    for (unsigned i = 0; i < members->count; ++i) members->items[i]->send_message(payload, opcode);
+}
+
+void http_connection::leave_channel_(const std::string& name) {
+    base::arraylist<http_connection*>* members = channels().get(name);
+    if (!members) {
+        std::printf("Error! Channel not found: %s\n", name.c_str());
+        return;
+    }
+
+    http_connection** const end = members->items + members->count;
+    http_connection** const place = std::find(members->items, end, this);
+    if (place == end) {
+        std::printf("Error! Subscription for %d to %s not found!\n", fd, name.c_str());
+        return;
+    }
+    std::copy(place + 1, end, place);
+    --members->count;
+    members->items[members->count] = nullptr;
+
+    if (members->count == 0) {
+        channels().unset(name);
+        delete members;
+    }
+}

@@ -1,0 +1,228 @@
+// Reading requests: from blocks of bytes to the calls of the hooks.
+
+#include "vindra/base/base64.h"
+#include "vindra/base/find.h"
+#include "vindra/base/num.h"
+#include "vindra/base/sha1.h"
+#include "vindra/http/http_connection.h"
+
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+constexpr std::string_view line_end = "\r\n";
+constexpr std::string_view blank_line = "\r\n\r\n";
+
+// Appended to a client's key before hashing (RFC 6455, section 1.3).
+constexpr std::string_view websocket_guid = "258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
+
+// The one version of the protocol that RFC 6455 defines.
+constexpr int websocket_version = 13;
+
+// Space that a string of an idle connection may keep: most heads fit and cost no allocation.
+constexpr std::size_t kept_bytes_max = 2048;
+
+// A count of bytes that a long tunnel can carry past the largest int.
+int wrapping_sum(int a, int b) {
+    return static_cast<int>(static_cast<unsigned>(a) + static_cast<unsigned>(b));
+}
+
+// Header values are short, so the copy that strtol() needs for its closing zero stays inside
+// the string object.
+int number(std::string_view digits) {
+    return static_cast<int>(std::strtol(std::string(digits).c_str(), nullptr, 10));
+}
+
+// Position of the first `wanted` behind position `after`, or -1; an `after` of -1 searches all.
+std::ptrdiff_t find_behind(std::string_view text, std::string_view wanted, std::ptrdiff_t after) {
+    return static_cast<std::ptrdiff_t>(text.find(wanted, static_cast<std::size_t>(after + 1)));
+}
+
+} // namespace
+
+http_connection::http_connection() = default;
+
+// head -> body -> complete -> head again (kept) or ended by the server (not kept)
+void http_connection::on_recv(char* bytes, int length) {
+    if (refuses_more_()) return;
+    received = wrapping_sum(received, length);
+
+    if (headers_done) {
+        body_received = wrapping_sum(body_received, length);
+        on_data(bytes, length);
+    } else if (const int taken = take_head_(bytes, length); headers_done) {
+        const int rest = length - taken;
+        read_head_();
+        body_received = rest;
+        if (asks_for_upgrade_()) {
+            shake_hands_();
+        } else {
+            on_headers();
+        }
+        if (rest > 0) on_data(bytes + taken, rest);
+    }
+
+    finish_request_();
+}
+
+// Looks at what came before this block, so the block that crosses the limit is still taken.
+bool http_connection::refuses_more_() const {
+    if (max_request_length <= 0 || received <= max_request_length) return false;
+    std::printf("Warning! Request exceeds max length of %d.\n", max_request_length);
+    return true;
+}
+
+// Moves what belongs to the head from the block to `headers`. Sets `headers_done` when that
+// completes the head and returns how many bytes of the block it took.
+int http_connection::take_head_(const char* bytes, int length) {
+    if (length <= 0) return 0;
+    const std::size_t before = headers.size();
+    headers.append(bytes, static_cast<std::size_t>(length));
+
+    // Only the first blank line counts, and one in the very first place ends no head. It hides
+    // every later one, in whatever pieces they come.
+    if (headers.starts_with(blank_line)) return length;
+
+    // Up to three bytes of the blank line may have come before; what lies further back has been
+    // searched already.
+    const std::size_t seam = blank_line.size() - 1;
+    const std::size_t end = headers.find(blank_line, before < seam ? 0 : before - seam);
+    if (end == std::string::npos) return length;
+
+    headers.resize(end + line_end.size());
+    headers_done = true;
+    return static_cast<int>(end + blank_line.size() - before);
+}
+
+void http_connection::read_head_() {
+    parse_request_line_();
+    content_length = number(find_header_("\r\ncontent-length", headers));
+    // Byte for byte, and for this version only: a client of HTTP/1.1 that means to close does so.
+    if (version == "HTTP/1.0" && find_header_("\r\nconnection", headers) != "Keep-Alive") {
+        keep_alive = false;
+    }
+    cookie = find_header_("\r\ncookie", headers);
+    split_target_();
+}
+
+// A part whose separator is missing keeps its value. The blanks are looked for in the whole
+// head, so a line without them takes its parts from the header lines below.
+void http_connection::parse_request_line_() {
+    const std::ptrdiff_t first = find_behind(headers, " ", -1);
+    const std::ptrdiff_t second = find_behind(headers, " ", first);
+    const std::ptrdiff_t end = find_behind(headers, line_end, second);
+
+    const auto piece = [this](std::ptrdiff_t from, std::ptrdiff_t to) {
+        return std::string_view(headers).substr(static_cast<std::size_t>(from),
+                                                static_cast<std::size_t>(to - from));
+    };
+    if (first > 0) method = piece(0, first);
+    if (second > 0) url = piece(first + 1, second);
+    if (end > 0) version = piece(second + 1, end);
+}
+
+void http_connection::split_target_() {
+    const std::size_t mark = url.find('?');
+    if (mark == 0 || mark == std::string::npos) {
+        path = url;
+    } else {
+        path.assign(url, 0, mark);
+        query.assign(url, mark + 1);
+    }
+}
+
+bool http_connection::asks_for_upgrade_() const {
+    return websockets && find_header_("\r\nupgrade", headers) == "websocket";
+}
+
+void http_connection::shake_hands_() {
+    std::string key(find_header_("\r\nsec-websocket-key", headers));
+    const int wanted = number(find_header_("\r\nsec-websocket-version", headers));
+    if (wanted != websocket_version || key.empty()) {
+        // The request then completes like any other; what on_request() writes is refused, as
+        // this is its answer.
+        write("HTTP/1.1 400 Bad Request\r\nSec-WebSocket-Version: 13\r\n", "");
+        return;
+    }
+
+    key += websocket_guid;
+    write("HTTP/1.1 101 Switching Protocols\r\n"
+          "Upgrade: websocket\r\n"
+          "Connection: Upgrade\r\n"
+          "Sec-WebSocket-Accept: " +
+              base::base64(base::sha1(key)) + "\r\n",
+          "");
+    upgraded = true;
+    timeout = -1;
+    max_request_length = 0;
+    on_upgrade();
+}
+
+void http_connection::finish_request_() {
+    if (upgraded || !headers_done || body_received < content_length) return;
+    on_request();
+    if (keep_alive) reset();
+}
+
+void http_connection::reset() {
+    max_request_length = default_max_request_length_;
+    headers_done = false;
+    written = false;
+    content_length = 0;
+    body_received = 0;
+    received = 0;
+    for (std::string* text : {&data, &headers, &message, &extra_headers, &cookie, &query, &path,
+                              &version, &url, &method}) {
+        empty_(*text);
+    }
+}
+
+void http_connection::on_headers() {
+    std::puts(info(true).c_str());
+}
+
+void http_connection::on_data(char* bytes, int length) {
+    data.append(bytes, static_cast<std::size_t>(length));
+    if (upgraded && keep_alive) read_frames();
+}
+
+void http_connection::on_upgrade() {
+    keep_alive = false;
+    timeout = 0;
+}
+
+void http_connection::on_request() {
+    const std::string size = base::num(static_cast<double>(data.size()));
+    write("HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n",
+          headers + "\r\n" + size + " bytes of content");
+}
+
+std::string http_connection::get_header(const std::string& name, const std::string& block) {
+    std::string line_start(line_end);
+    line_start += name;
+    return std::string(find_header_(line_start, block));
+}
+
+// Value of the first line that begins with `line_start`, which is a line end and a name. The
+// name is taken to be followed by a colon and a blank, whatever stands there.
+std::string_view http_connection::find_header_(std::string_view line_start,
+                                               std::string_view block) {
+    const std::ptrdiff_t found = base::find(block, line_start);
+    if (found < 0) return {};
+    const std::size_t from = static_cast<std::size_t>(found) + line_start.size() + 2;
+    if (from > block.size()) return {};
+    const std::string_view tail = block.substr(from);
+    return tail.substr(0, tail.find(line_end));
+}
+
+// Empties a string and gives large storage back: connections that wait for their next request
+// may be many.
+void http_connection::empty_(std::string& text) {
+    if (text.capacity() > kept_bytes_max) {
+        std::string().swap(text);
+    } else {
+        text.clear();
+    }
+}

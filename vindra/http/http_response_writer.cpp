@@ -1,0 +1,178 @@
+// Writing responses: from whole answers to pieces that fit the send buffer.
+
+#include "vindra/http/deferred_result.h"
+#include "vindra/http/http_connection.h"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <utility>
+
+#include <sys/types.h>
+
+namespace {
+
+// One piece of output fills one send buffer.
+constexpr std::size_t piece_size = connection::send_buffer_size;
+
+// The longest deferred result that is sent, its coding included.
+constexpr int chunk_length_max = 1048576;
+
+// One chunk of chunked transfer coding and the end of the message (RFC 9112, section 7.1).
+std::string only_chunk(const std::string& content) {
+    std::array<char, 2 * sizeof(std::size_t) + 1> digits{};
+    std::snprintf(digits.data(), digits.size(), "%zX", content.size());
+    std::string chunk(digits.data());
+    chunk += "\r\n";
+    chunk += content;
+    chunk += "\r\n0\r\n\r\n";
+    return chunk;
+}
+
+} // namespace
+
+http_connection::response_part::~response_part() {
+    if (file) std::fclose(file);
+    delete result;
+}
+
+void http_connection::write(std::string head, const std::string& body) {
+    if (written) {
+        std::puts("Warning! Double write() detected!");
+        return;
+    }
+
+    // Without a length, the end of the connection ends the response.
+    if (keep_alive && find_header_("\r\ncontent-length", head).empty() &&
+        find_header_("\r\ntransfer-encoding", head).empty()) {
+        head += "Content-Length: " + std::to_string(body.size()) + "\r\n";
+    }
+    head += extra_headers;
+    head += "\r\n";
+    if (method != "HEAD") head += body;
+
+    if (head.size() <= piece_size) {
+        queue_text_(std::move(head));
+    } else {
+        for (std::size_t at = 0; at < head.size(); at += piece_size) {
+            queue_text_(head.substr(at, piece_size));
+        }
+    }
+    written = true;
+}
+
+bool http_connection::on_send(char* buffer, int capacity, int* length) {
+    // Of a kept connection, reset() has cleared `written`: it waits for its next request.
+    if (parts.count <= 0) return written ? keep_alive : true;
+
+    response_part& part = *parts.head->next->value;
+    if (part.file) {
+        send_file_(part, buffer, capacity, length);
+        return true;
+    }
+    if (part.result) {
+        if (!part.result->done.load(std::memory_order_acquire)) return true;
+        finish_deferred_(part);
+    }
+    send_text_(part, buffer, capacity, length);
+    return true;
+}
+
+void http_connection::send_file_(response_part& part, char* buffer, int capacity, int* length) {
+    int wanted = capacity;
+    if (part.budget >= 0) {
+        if (part.budget < wanted) {
+            // The budget stays: from here on it is the size of each piece.
+            wanted = static_cast<int>(part.budget);
+        } else {
+            part.budget -= wanted;
+        }
+    }
+    if (wanted <= 0) {
+        *length = 0;
+        drop_first_part_();
+        return;
+    }
+
+    const std::size_t got = std::fread(buffer, 1, static_cast<std::size_t>(wanted), part.file);
+    *length = static_cast<int>(got);
+    if (got < static_cast<std::size_t>(wanted)) drop_first_part_();
+}
+
+// Turns a deferred part whose result is done into the text part that carries it.
+void http_connection::finish_deferred_(response_part& part) {
+    part.text = only_chunk(static_cast<std::string>(part.result->output));
+    if (part.text.size() > chunk_length_max) {
+        std::printf("Warning! Thread response (%zd) exceeds buffer size (%d).\n",
+                    static_cast<ssize_t>(part.text.size()), chunk_length_max);
+        part.text = "0\r\n\r\n";
+    }
+    delete std::exchange(part.result, nullptr);
+
+    last_active = std::time(nullptr);
+    timeout = part.restore_timeout;
+}
+
+// The longest frame is a few bytes longer than the send buffer; what does not fit waits.
+void http_connection::send_text_(response_part& part, char* buffer, int capacity, int* length) {
+    const std::size_t space = capacity > 0 ? static_cast<std::size_t>(capacity) : 0;
+    const std::size_t taken = std::min(part.text.size(), space);
+    std::memcpy(buffer, part.text.data(), taken);
+    *length = static_cast<int>(taken);
+    if (taken == part.text.size()) {
+        drop_first_part_();
+    } else {
+        part.text.erase(0, taken);
+    }
+}
+
+void http_connection::queue_text_(std::string text) {
+    auto* part = new response_part;
+    part->text = std::move(text);
+    parts.add(part);
+}
+
+void http_connection::drop_first_part_() {
+    delete parts.pop();
+}
+
+std::string http_connection::info(bool with_agent) const {
+    std::string line = peer_name_();
+    line.reserve(line.size() + method.size() + url.size() + version.size() + 160);
+    line += ':';
+    line += std::to_string(port);
+    for (const std::string* word : {&method, &url, &version}) {
+        line += ' ';
+        line += *word;
+    }
+    if (with_agent) {
+        line += " [";
+        line += find_header_("\r\nuser-agent", headers);
+        line += ']';
+    }
+    return line;
+}
+
+// The peer's address, or what a front end on this machine says of the peer behind it.
+std::string http_connection::peer_name_() const {
+    std::array<std::uint8_t, 4> bytes{};
+    std::memcpy(bytes.data(), &address, bytes.size());
+    if (bytes == std::array<std::uint8_t, 4>{127, 0, 0, 1}) {
+        const std::string_view forwarded = find_header_("\r\nx-forwarded-for", headers);
+        if (!forwarded.empty()) return std::string(forwarded);
+    }
+
+    std::array<char, sizeof("255.255.255.255")> text{};
+    std::snprintf(text.data(), text.size(), "%d.%d.%d.%d", bytes[0], bytes[1], bytes[2], bytes[3]);
+    return text.data();
+}
+
+http_connection::~http_connection() {
+    while (parts.count > 0) drop_first_part_();
+    if (!upgraded) return;
+    for (unsigned i = 0; i < subscriptions.count; ++i) leave_channel_(*subscriptions.keys[i]);
+}
