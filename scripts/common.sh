@@ -1,0 +1,62 @@
+# shellcheck shell=bash
+# Sourced by ./run and ./test: quiet steps, and Debian packages where something is missing.
+# Expects `root` to name the checkout.
+# shellcheck disable=SC2154
+
+# The service binaries of Debian stand in folders that only root has on its path.
+PATH="$PATH:/usr/sbin:/sbin"
+
+# fail TEXT...: one line on standard error, and the end of the script.
+fail() {
+    printf '%s: %s\n' "${0##*/}" "$*" >&2
+    exit 1
+}
+
+# quietly COMMAND...: what the command printed is shown only when it fails.
+quietly() {
+    local output
+    output=$("$@" 2>&1) && return
+    printf '%s\n' "$output" >&2
+    return 1
+}
+
+# have PACKAGE: whether what the package is wanted for is there, wherever it came from.
+have() {
+    case $1 in
+        ninja-build) command -v ninja ;;
+        nginx-light) command -v nginx ;;
+        chromium-driver) command -v chromedriver ;;
+        libssl3) ldconfig -p | grep -F libssl.so. ;;
+        python3-pytest) /usr/bin/python3 -c 'import pytest' ;;
+        python3-pytest-timeout) /usr/bin/python3 -c 'import pytest_timeout' ;;
+        python3-selenium) /usr/bin/python3 -c 'import selenium' ;;
+        lib*-dev) dpkg-query -W -f '${db:Status-Status}\n' "$1" | grep -Fx installed ;;
+        *) command -v "$1" ;;
+    esac >/dev/null 2>&1
+}
+
+# install_missing PACKAGE...: leaves apt alone when everything is there.
+install_missing() {
+    local package as_root=()
+    local missing=()
+    for package in "$@"; do
+        have "$package" || missing+=("$package")
+    done
+    ((${#missing[@]})) || return 0
+
+    command -v apt-get >/dev/null || fail "needs ${missing[*]} (Debian's names), and there is no apt-get to install them"
+    if ((EUID != 0)); then
+        command -v sudo >/dev/null || fail "needs ${missing[*]}: install them as root, or install sudo"
+        as_root=(sudo)
+    fi
+    printf 'Installing %s...\n' "${missing[*]}" >&2
+    quietly "${as_root[@]}" bash "$root/scripts/apt_install" "${missing[@]}" ||
+        fail "could not install ${missing[*]}"
+}
+
+# need_cmake VERSION: the packaged one is too old on releases before Debian 12.
+need_cmake() {
+    local found
+    found=$(cmake --version | sed -n '1s/[^0-9]*//p')
+    printf '%s\n%s\n' "$1" "$found" | sort -V -C || fail "needs cmake $1 or later, found $found"
+}
