@@ -1,11 +1,11 @@
 #include "vindra/core/server.h"
 #include "vindra/core/sockets.h"
 
-#include "support/captured_output.h"
-#include "support/far_end.h"
-#include "support/held_port.h"
-#include "support/interposed_calls.h"
-#include "support/scripted_connection.h"
+#include "tests/support/captured_output.h"
+#include "tests/support/far_end.h"
+#include "tests/support/held_port.h"
+#include "tests/support/interposed_calls.h"
+#include "tests/support/scripted_connection.h"
 
 #include <algorithm>
 #include <cerrno>

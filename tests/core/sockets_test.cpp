@@ -1,8 +1,8 @@
 #include "vindra/core/sockets.h"
 
-#include "support/captured_output.h"
-#include "support/far_end.h"
-#include "support/held_port.h"
+#include "tests/support/captured_output.h"
+#include "tests/support/far_end.h"
+#include "tests/support/held_port.h"
 
 #include <csignal>
 #include <cstdio>

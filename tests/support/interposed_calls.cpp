@@ -1,4 +1,4 @@
-#include "support/interposed_calls.h"
+#include "tests/support/interposed_calls.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,0 +1,25 @@
+"""The files that the checks look at, and how they say what they found."""
+
+import pathlib
+import subprocess
+import sys
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+
+
+def tracked(*suffixes):
+    """Paths relative to ROOT of the files that git tracks, with one of the suffixes if any."""
+    # The checkout may belong to another user, as it does in a container.
+    listing = subprocess.run(
+        ["git", "-c", "safe.directory=*", "-C", ROOT, "ls-files", "-z"],
+        check=True, capture_output=True, text=True).stdout
+    names = [name for name in listing.split("\0") if name and (ROOT / name).is_file()]
+    return [name for name in names if not suffixes or name.endswith(suffixes)]
+
+
+def report(check, findings):
+    """Prints a line a finding; the exit status says whether there were any."""
+    for finding in findings:
+        print(finding)
+    print(f"{check}: {len(findings)} finding{'' if len(findings) == 1 else 's'}")
+    sys.exit(1 if findings else 0)
