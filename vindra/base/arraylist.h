@@ -54,6 +54,7 @@ void arraylist<T>::add(T item) {
 template <typename T>
 void arraylist<T>::resize_(unsigned elements) {
     capacity = elements;
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): for an array of pointers it is the pointer's.
     const std::size_t bytes = (static_cast<std::size_t>(elements) + 1) * sizeof(T);
     items = static_cast<T*>(std::realloc(items, bytes));
 }

@@ -1,0 +1,507 @@
+#include "vindra/base/var.h"
+
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+std::string text_of(const var& value) {
+    return value;
+}
+
+std::string json(const var& value, bool pretty) {
+    base::arraylist<var::var_data*> stack;
+    std::string text = value.to_json_helper(stack, pretty);
+    EXPECT_EQ(stack.count, 0U);
+    return text;
+}
+
+std::string pretty(const var& value) {
+    return json(value, true);
+}
+std::string compact(const var& value) {
+    return json(value, false);
+}
+
+template <typename... Items>
+var list(const Items&... items) {
+    var array = var::array();
+    (array.push(items), ...);
+    return array;
+}
+
+std::vector<std::string> pieces(const var& text, const std::string& delimiters) {
+    const var split = text.split(delimiters);
+    std::vector<std::string> all;
+    for (int i = 0; i < split.size(); ++i) {
+        EXPECT_EQ(split.get(i).kind, var::string_kind);
+        all.push_back(split.get(i));
+    }
+    return all;
+}
+
+using strings = std::vector<std::string>;
+
+// Layout
+
+TEST(var, is_a_kind_and_eight_bytes) {
+    static_assert(std::is_same_v<decltype(var::kind), std::int32_t>);
+    static_assert(sizeof(var::value) == 8);
+    static_assert(std::has_virtual_destructor_v<var::var_data>);
+}
+
+TEST(var, knows_the_kind_it_was_made_from) {
+    EXPECT_EQ(var().kind, 0);
+    EXPECT_EQ(var(1).kind, 1);
+    EXPECT_EQ(var(1.5).kind, 1);
+    EXPECT_EQ(var(true).kind, 2);
+    EXPECT_EQ(var("").kind, 3);
+    EXPECT_EQ(var(std::string()).kind, 3);
+    EXPECT_EQ(var::array().kind, 4);
+    EXPECT_EQ(var::object().kind, 5);
+}
+
+TEST(var, takes_all_bytes_of_a_string) {
+    const std::string text("a\0b", 3);
+    EXPECT_EQ(var(text).size(), 3);
+    EXPECT_EQ(text_of(text), text);
+    EXPECT_EQ(text_of(text.c_str()), "a");
+}
+
+// Sharing
+
+TEST(var, counts_the_handles_of_a_body) {
+    const var a = "text";
+    EXPECT_EQ(a.value.data->refs, 1U);
+    {
+        const var b = a;
+        EXPECT_EQ(b.value.data, a.value.data);
+        EXPECT_EQ(a.value.data->refs, 2U);
+        const var holder = list(a);
+        EXPECT_EQ(a.value.data->refs, 3U);
+        const var element = holder.get(0);
+        EXPECT_EQ(a.value.data->refs, 4U);
+    }
+    EXPECT_EQ(a.value.data->refs, 1U);
+}
+
+TEST(var, shows_a_change_in_every_handle) {
+    var a = var::array();
+    const var b = a;
+    a.push(1);
+    EXPECT_EQ(b.size(), 1);
+
+    var object = var::object();
+    object.set("list", a);
+    a.push(2);
+    EXPECT_EQ(object.get(0).size(), 2);
+}
+
+TEST(var, unref_makes_null_and_keeps_the_body_for_others) {
+    var a = "text";
+    const var b = a;
+    a.unref();
+    EXPECT_EQ(a.kind, 0);
+    EXPECT_EQ(a.value.data, nullptr);
+    EXPECT_EQ(b.value.data->refs, 1U);
+    EXPECT_EQ(text_of(b), "text");
+    a.unref();
+    EXPECT_EQ(a.kind, 0);
+}
+
+TEST(var, unref_makes_null_of_every_kind) {
+    for (var value : {var(), var(2.5), var(true), var("a"), list(1), var::object()}) {
+        value.unref();
+        EXPECT_EQ(value.kind, 0);
+        EXPECT_EQ(value.value.data, nullptr);
+    }
+}
+
+TEST(var, assignment_gives_up_what_was_there) {
+    var a = "one";
+    const var b = a;
+    a = "two";
+    EXPECT_EQ(b.value.data->refs, 1U);
+    EXPECT_EQ(text_of(a), "two");
+    EXPECT_EQ(text_of(b), "one");
+}
+
+TEST(var, survives_assignment_to_itself) {
+    var a = "text";
+    const var& same = a;
+    a = same;
+    EXPECT_EQ(text_of(a), "text");
+    EXPECT_EQ(a.value.data->refs, 1U);
+}
+
+TEST(var, can_become_an_element_of_what_it_gives_up) {
+    var a = list(list("deep"));
+    const auto* elements = static_cast<base::arraylist<var*>*>(a.value.data->data);
+    a = *elements->items[0];
+    EXPECT_EQ(compact(a), "[ \"deep\" ]");
+    EXPECT_EQ(a.value.data->refs, 1U);
+}
+
+TEST(var, ref_overwrites_without_releasing) {
+    var a;
+    const var b = "text";
+    a.ref(b);
+    EXPECT_EQ(b.value.data->refs, 2U);
+    var number;
+    number.ref(var(2.5));
+    EXPECT_EQ(number.value.number, 2.5);
+    var boolean;
+    boolean.ref(var(true));
+    EXPECT_EQ(boolean.value.boolean, 1);
+    number.ref(var());
+    EXPECT_EQ(number.kind, 0);
+    EXPECT_EQ(number.value.data, nullptr);
+}
+
+TEST(var, releases_what_containers_hold) {
+    const var inner = "inner";
+    {
+        var object = var::object();
+        object.set("a", inner);
+        object.set("b", list(inner, list(inner)));
+        EXPECT_EQ(inner.value.data->refs, 4U);
+    }
+    EXPECT_EQ(inner.value.data->refs, 1U);
+}
+
+// Access
+
+TEST(var, tells_its_size) {
+    EXPECT_EQ(var().size(), 0);
+    EXPECT_EQ(var(7).size(), 0);
+    EXPECT_EQ(var(true).size(), 0);
+    EXPECT_EQ(var("abc").size(), 3);
+    EXPECT_EQ(var("\xc3\xa9").size(), 2);
+    EXPECT_EQ(list(1, 2).size(), 2);
+    var object = var::object();
+    object.set("a", 1);
+    object.set("a", 2);
+    EXPECT_EQ(object.size(), 1);
+}
+
+TEST(var, get_of_an_array_counts_from_both_ends) {
+    const var array = list("a", "b", "c");
+    EXPECT_EQ(text_of(array.get(0)), "a");
+    EXPECT_EQ(text_of(array.get(2)), "c");
+    EXPECT_EQ(text_of(array.get(-1)), "c");
+    EXPECT_EQ(text_of(array.get(-3)), "a");
+}
+
+TEST(var, get_out_of_range_gives_null) {
+    var object = var::object();
+    object.set("a", 1);
+    constexpr int lowest = std::numeric_limits<int>::min();
+    constexpr int highest = std::numeric_limits<int>::max();
+    for (const var& value : {list(1, 2, 3), var("abc")}) {
+        for (const int index : {3, -4, lowest, highest}) EXPECT_EQ(value.get(index).kind, 0);
+    }
+    for (const int index : {1, -2, lowest, highest}) EXPECT_EQ(object.get(index).kind, 0);
+    EXPECT_EQ(var::array().get(0).kind, 0);
+    EXPECT_EQ(var::array().get(-1).kind, 0);
+}
+
+TEST(var, get_of_what_has_no_elements_gives_null) {
+    EXPECT_EQ(var().get(0).kind, 0);
+    EXPECT_EQ(var(5).get(0).kind, 0);
+    EXPECT_EQ(var(true).get(0).kind, 0);
+}
+
+TEST(var, get_of_an_array_passes_a_null_element_off_as_null) {
+    const var array = list(1);
+    auto* elements = static_cast<base::arraylist<var*>*>(array.value.data->data);
+    elements->add(nullptr);
+    EXPECT_EQ(array.get(1).kind, 0);
+    EXPECT_EQ(compact(array), "[ 1,null ]");
+}
+
+TEST(var, get_of_an_object_gives_values_in_order_of_insertion) {
+    var object = var::object();
+    object.set("zebra", "first");
+    object.set("apple", "second");
+    object.set("mango", "third");
+    object.set("zebra", "changed");
+    EXPECT_EQ(text_of(object.get(0)), "changed");
+    EXPECT_EQ(text_of(object.get(1)), "second");
+    EXPECT_EQ(text_of(object.get(-1)), "third");
+}
+
+TEST(var, get_of_a_string_gives_one_byte) {
+    const var text = std::string("a\0\xc3", 3);
+    EXPECT_EQ(text_of(text.get(0)), "a");
+    EXPECT_EQ(text_of(text.get(1)), std::string(1, '\0'));
+    EXPECT_EQ(text_of(text.get(-1)), "\xc3");
+    EXPECT_EQ(text.get(0).kind, 3);
+}
+
+TEST(var, push_grows_an_array_by_doubling) {
+    var array = var::array();
+    const auto* elements = static_cast<base::arraylist<var*>*>(array.value.data->data);
+    const unsigned capacities[] = {2, 2, 4, 4, 8};
+    for (int i = 0; i < 5; ++i) {
+        array.push(i);
+        EXPECT_EQ(elements->capacity, capacities[i]);
+        EXPECT_EQ(elements->items[i + 1], nullptr);
+    }
+}
+
+TEST(var, push_and_set_on_another_kind_do_nothing) {
+    for (var value : {var(), var(1), var(false), var("a")}) {
+        const std::string before = text_of(value);
+        value.push(1);
+        value.set("a", 1);
+        EXPECT_EQ(text_of(value), before);
+    }
+    var array = var::array();
+    array.set("a", 1);
+    EXPECT_EQ(array.size(), 0);
+    var object = var::object();
+    object.push(1);
+    EXPECT_EQ(object.size(), 0);
+}
+
+TEST(var, set_takes_the_value_that_it_replaces) {
+    var object = var::object();
+    object.set("a", "text");
+    const auto* map = static_cast<base::hashmap<var*>*>(object.value.data->data);
+    object.set("a", *map->get("a"));
+    EXPECT_EQ(text_of(object.get(0)), "text");
+}
+
+// Splitting
+
+TEST(var, split_cuts_at_each_delimiter) {
+    EXPECT_EQ(pieces("a,b,,c", ","), (strings{"a", "b", "", "c"}));
+    EXPECT_EQ(pieces("", ","), strings{""});
+    EXPECT_EQ(pieces("abc", ","), strings{"abc"});
+    EXPECT_EQ(pieces(",", ","), (strings{"", ""}));
+    EXPECT_EQ(pieces(",a,", ","), (strings{"", "a", ""}));
+    EXPECT_EQ(pieces("a.b,c;d", ",.;"), (strings{"a", "b", "c", "d"}));
+    EXPECT_EQ(pieces("abab", "ba"), (strings{"", "", "", "", ""}));
+    EXPECT_EQ(pieces("a,b", ""), strings{"a,b"});
+}
+
+TEST(var, split_cuts_a_piece_short_at_a_zero_byte) {
+    EXPECT_EQ(pieces(std::string("ab\0cd,e", 7), ","), (strings{"ab", "e"}));
+    EXPECT_EQ(pieces(std::string("\0a", 2), ","), strings{""});
+    EXPECT_EQ(pieces(std::string("a\0b", 3), std::string(1, '\0')), (strings{"a", "b"}));
+}
+
+TEST(var, split_leaves_its_source_alone) {
+    const var text = "a,b";
+    text.split(",");
+    EXPECT_EQ(text_of(text), "a,b");
+}
+
+TEST(var, split_takes_exactly_as_much_room_as_there_are_pieces) {
+    for (const char* text : {"", "a", "a,b", "a,b,c", "a,b,c,d,e"}) {
+        const var split = var(text).split(",");
+        const auto* elements = static_cast<base::arraylist<var*>*>(split.value.data->data);
+        EXPECT_EQ(elements->count, elements->capacity);
+        EXPECT_EQ(elements->items[elements->count], nullptr);
+    }
+}
+
+TEST(var, what_was_split_can_grow) {
+    var split = var("a").split(",");
+    split.push("b");
+    split.push("c");
+    EXPECT_EQ(compact(split), "[ \"a\",\"b\",\"c\" ]");
+}
+
+TEST(var, split_of_another_kind_cuts_its_text) {
+    EXPECT_EQ(pieces(2.5, "."), (strings{"2", "5"}));
+    EXPECT_EQ(pieces(var(), "u"), (strings{"n", "ll"}));
+    EXPECT_EQ(pieces(list(1, 2), ","), (strings{"[ 1", " 2 ]"}));
+}
+
+// Text
+
+TEST(var, converts_to_text) {
+    EXPECT_EQ(text_of(var()), "null");
+    EXPECT_EQ(text_of(2.5), "2.5");
+    EXPECT_EQ(text_of(3), "3");
+    EXPECT_EQ(text_of(-0.0), "-0");
+    EXPECT_EQ(text_of(std::nan("")), "null");
+    EXPECT_EQ(text_of(std::numeric_limits<double>::infinity()), "null");
+    EXPECT_EQ(text_of(true), "true");
+    EXPECT_EQ(text_of(false), "false");
+    EXPECT_EQ(text_of("a\"b\n"), "a\"b\n");
+    EXPECT_EQ(text_of(list(1, 2)), "[ 1, 2 ]");
+}
+
+TEST(var, reads_any_non_zero_byte_as_true) {
+    var value = true;
+    value.value.boolean = 2;
+    EXPECT_EQ(text_of(value), "true");
+}
+
+TEST(var, quotes_and_escapes_a_string_in_json) {
+    EXPECT_EQ(compact("a\"\xc3\xa9"), R"("a\"\u00e9")");
+    EXPECT_EQ(pretty("a\"\xc3\xa9"), R"("a\"\u00e9")");
+    EXPECT_EQ(text_of(list("a\n")), R"([ "a\n" ])");
+}
+
+TEST(var, writes_an_array_inline) {
+    EXPECT_EQ(pretty(list(1, 2)), "[ 1, 2 ]");
+    EXPECT_EQ(compact(list(1, 2)), "[ 1,2 ]");
+    EXPECT_EQ(compact(list(list(1), list(2))), "[ [ 1 ],[ 2 ] ]");
+    EXPECT_EQ(pretty(list(list(1), 2)), "[ [ 1 ], 2 ]");
+    EXPECT_EQ(pretty(list(1, list(2))), "[ 1, [ 2 ] ]");
+}
+
+TEST(var, writes_an_array_of_arrays_as_a_block) {
+    EXPECT_EQ(pretty(list(list(1), list(2))), "[\n  [ 1 ],\n  [ 2 ]\n]");
+    EXPECT_EQ(pretty(list(var::array())), "[\n  []\n]");
+    EXPECT_EQ(pretty(list(list(list(1), list(2)), list(3))),
+              "[\n  [\n    [ 1 ],\n    [ 2 ]\n  ],\n  [ 3 ]\n]");
+}
+
+TEST(var, writes_empty_containers_closed_up) {
+    EXPECT_EQ(pretty(var::array()), "[]");
+    EXPECT_EQ(compact(var::array()), "[]");
+    EXPECT_EQ(pretty(var::object()), "{}");
+    EXPECT_EQ(compact(var::object()), "{}");
+    var outer = var::object();
+    outer.set("a", var::object());
+    EXPECT_EQ(pretty(outer), "{\n  \"a\" : {}\n}");
+}
+
+TEST(var, writes_a_nested_object_below_its_key) {
+    var inner = var::object();
+    inner.set("c", true);
+    var outer = var::object();
+    outer.set("a", 1);
+    outer.set("b", inner);
+    EXPECT_EQ(pretty(outer), "{\n"
+                             "  \"a\" : 1,\n"
+                             "  \"b\" : \n"
+                             "  {\n"
+                             "    \"c\" : true\n"
+                             "  }\n"
+                             "}");
+    EXPECT_EQ(compact(outer), R"({"a":1,"b":{"c":true}})");
+}
+
+TEST(var, indents_objects_in_arrays_and_arrays_in_objects) {
+    var object = var::object();
+    object.set("k", list(list(1)));
+    EXPECT_EQ(pretty(object), "{\n  \"k\" : [\n    [ 1 ]\n  ]\n}");
+    EXPECT_EQ(pretty(list(object)), "[ \n"
+                                    "  {\n"
+                                    "    \"k\" : [\n"
+                                    "      [ 1 ]\n"
+                                    "    ]\n"
+                                    "  } ]");
+    EXPECT_EQ(compact(list(object)), R"([ {"k":[ [ 1 ] ]} ])");
+}
+
+TEST(var, escapes_keys) {
+    var object = var::object();
+    object.set(std::string("\"\0", 2), 1);
+    EXPECT_EQ(compact(object), R"({"\"\0":1})");
+    EXPECT_EQ(pretty(object), "{\n  \"\\\"\\0\" : 1\n}");
+}
+
+TEST(var, starts_at_the_depth_of_the_stack_that_it_is_given) {
+    var object = var::object();
+    object.set("a", 1);
+    const var other = "other";
+    base::arraylist<var::var_data*> stack;
+    stack.add(other.value.data);
+    EXPECT_EQ(object.to_json_helper(stack, true), "\n  {\n    \"a\" : 1\n  }");
+    EXPECT_EQ(stack.count, 1U);
+    EXPECT_EQ(stack.items[1], nullptr);
+}
+
+// Cycles
+
+// Nothing frees a value that contains itself: its array is emptied by hand at the end.
+void break_cycle(const var& array) {
+    auto* elements = static_cast<base::arraylist<var*>*>(array.value.data->data);
+    while (elements->count > 0) {
+        --elements->count;
+        delete elements->items[elements->count];
+        elements->items[elements->count] = nullptr;
+    }
+}
+
+TEST(var, says_where_an_array_holds_itself) {
+    var array = var::array();
+    array.push(array);
+    EXPECT_EQ(array.value.data->refs, 2U);
+    EXPECT_EQ(compact(array), "[ ERROR_CYCLE ]");
+    EXPECT_EQ(pretty(array), "[\n  ERROR_CYCLE\n]");
+    array.push(1);
+    EXPECT_EQ(pretty(array), "[ ERROR_CYCLE, 1 ]");
+    EXPECT_EQ(text_of(array), "[ ERROR_CYCLE, 1 ]");
+    break_cycle(array);
+    EXPECT_EQ(array.value.data->refs, 1U);
+}
+
+TEST(var, says_where_a_cycle_closes_further_in) {
+    var array = var::array();
+    var object = var::object();
+    object.set("back", array);
+    array.push(object);
+    EXPECT_EQ(compact(array), R"([ {"back":ERROR_CYCLE} ])");
+    EXPECT_EQ(compact(object), R"({"back":[ ERROR_CYCLE ]})");
+    break_cycle(array);
+}
+
+TEST(var, writes_a_shared_value_twice_where_there_is_no_cycle) {
+    const var shared = list(1);
+    EXPECT_EQ(compact(list(shared, shared)), "[ [ 1 ],[ 1 ] ]");
+}
+
+TEST(var, takes_no_number_for_a_body) {
+    const var array = list(0.0);
+    auto* elements = static_cast<base::arraylist<var*>*>(array.value.data->data);
+    // A number with the very bits of the pointer that is on the stack.
+    elements->items[0]->value.data = array.value.data;
+    EXPECT_NE(compact(array), "[ ERROR_CYCLE ]");
+}
+
+// Handles set by hand
+
+TEST(var, of_an_unknown_kind_has_no_text) {
+    for (const int kind : {6, 99, -1}) {
+        var value;
+        value.kind = kind;
+        EXPECT_EQ(text_of(value), "");
+        EXPECT_EQ(value.size(), 0);
+        EXPECT_EQ(value.get(0).kind, 0);
+        const var copy = value;
+        EXPECT_EQ(copy.kind, kind);
+        value.unref();
+        EXPECT_EQ(value.kind, 0);
+    }
+}
+
+TEST(var, without_a_body_is_empty) {
+    const char* const texts[] = {"\"\"", "[]", "{}"};
+    for (const int kind : {3, 4, 5}) {
+        var value;
+        value.kind = kind;
+        EXPECT_EQ(pretty(value), texts[kind - 3]);
+        EXPECT_EQ(value.size(), 0);
+        EXPECT_EQ(value.get(0).kind, 0);
+        value.push(1);
+        value.set("a", 1);
+        const var copy = value;
+        EXPECT_EQ(copy.kind, kind);
+        EXPECT_EQ(copy.size(), 0);
+    }
+}
+
+} // namespace
