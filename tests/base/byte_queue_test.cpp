@@ -1,0 +1,155 @@
+#include "vindra/base/byte_queue.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+namespace {
+
+std::string take(base::byte_queue& queue, std::size_t most) {
+    std::string out(most, '?');
+    out.resize(queue.take(out.data(), most));
+    return out;
+}
+
+TEST(byte_queue, starts_empty) {
+    base::byte_queue queue;
+    EXPECT_TRUE(queue.empty());
+    EXPECT_EQ(queue.size(), 0U);
+    EXPECT_TRUE(queue == "");
+    EXPECT_EQ(take(queue, 10), "");
+}
+
+TEST(byte_queue, gives_bytes_in_the_order_they_came) {
+    base::byte_queue queue;
+    queue += "one ";
+    queue.append("two ", 4);
+    queue += std::string("three");
+    EXPECT_TRUE(queue == "one two three");
+    EXPECT_FALSE(queue == "one two thre");
+    EXPECT_FALSE(queue == "one two threX");
+    EXPECT_EQ(std::string(queue), "one two three");
+    EXPECT_EQ(take(queue, 5), "one t");
+    EXPECT_EQ(queue.size(), 8U);
+    EXPECT_TRUE(queue == "wo three");
+    EXPECT_EQ(take(queue, 100), "wo three");
+    EXPECT_TRUE(queue.empty());
+}
+
+TEST(byte_queue, keeps_zero_bytes) {
+    base::byte_queue queue;
+    const std::string text("a\0b\0", 4);
+    queue += text;
+    EXPECT_TRUE(queue == text);
+    EXPECT_EQ(take(queue, 9), text);
+}
+
+TEST(byte_queue, assign_replaces_what_waits) {
+    base::byte_queue queue;
+    queue += std::string(200000, 'x');
+    queue.assign("new");
+    EXPECT_TRUE(queue == "new");
+    queue.assign("");
+    EXPECT_TRUE(queue.empty());
+}
+
+TEST(byte_queue, taking_nothing_changes_nothing) {
+    base::byte_queue queue;
+    queue += "abc";
+    EXPECT_EQ(take(queue, 0), "");
+    EXPECT_TRUE(queue == "abc");
+    queue += "";
+    EXPECT_EQ(queue.size(), 3U);
+}
+
+TEST(byte_queue, behaves_as_a_string_through_any_mix_of_calls) {
+    std::mt19937 random(11);
+    std::string model;
+    base::byte_queue queue;
+    for (int step = 0; step < 20000; ++step) {
+        const std::size_t length = random() % 3 == 0 ? random() % 200000 : random() % 300;
+        switch (random() % 8) {
+        case 0:
+        case 1:
+        case 2: {
+            std::string text(length, static_cast<char>('a' + step % 26));
+            queue += text;
+            model += text;
+            break;
+        }
+        case 3:
+            if (random() % 50 == 0) {
+                queue.assign("short");
+                model = "short";
+            }
+            break;
+        default:
+            ASSERT_EQ(take(queue, length), model.substr(0, length));
+            model.erase(0, length);
+        }
+        ASSERT_EQ(queue.size(), model.size());
+        ASSERT_EQ(queue.empty(), model.empty());
+        if (step % 500 == 0) {
+            ASSERT_TRUE(queue == model);
+        }
+    }
+}
+
+TEST(byte_queue, block_boundaries_lose_and_repeat_nothing) {
+    for (std::size_t length = 65536 - 5000; length < 65536 + 200; length += 61) {
+        base::byte_queue queue;
+        std::string text(length, ' ');
+        for (std::size_t i = 0; i < length; ++i) text[i] = static_cast<char>(i * 7 % 251);
+        for (std::size_t i = 0; i < length; i += 1000)
+            queue.append(text.data() + i, std::min<std::size_t>(1000, length - i));
+        ASSERT_TRUE(queue == text) << length;
+        ASSERT_EQ(take(queue, length - 1), text.substr(0, length - 1));
+        ASSERT_EQ(take(queue, 2), text.substr(length - 1));
+    }
+}
+
+std::size_t resident_bytes() {
+    std::FILE* file = std::fopen("/proc/self/statm", "r");
+    long pages = 0;
+    EXPECT_EQ(std::fscanf(file, "%*s %ld", &pages), 1);
+    std::fclose(file);
+    return static_cast<std::size_t>(pages) * 4096;
+}
+
+TEST(byte_queue, a_large_backlog_costs_little_more_than_its_bytes_and_is_given_back) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer's own memory stands in the way of the measure";
+#endif
+    constexpr std::size_t mib = 1048576;
+    constexpr std::size_t backlog = 128 * mib;
+    const std::string block(mib, 'x');
+    const std::size_t before = resident_bytes();
+    base::byte_queue queue;
+    while (queue.size() < backlog) queue += block;
+    EXPECT_LE(resident_bytes() - before, backlog + backlog / 10);
+
+    std::string out(mib, ' ');
+    while (!queue.empty()) queue.take(out.data(), mib);
+    EXPECT_LE(resident_bytes(), before + 8 * mib);
+}
+
+TEST(byte_queue, many_queues_share_what_one_has_given_back) {
+    std::vector<std::unique_ptr<base::byte_queue>> queues;
+    for (int i = 0; i < 500; ++i) {
+        queues.push_back(std::make_unique<base::byte_queue>());
+        *queues.back() += "queue " + std::to_string(i);
+    }
+    for (std::size_t i = 0; i < queues.size(); i += 3) queues[i]->clear();
+    for (std::size_t i = 0; i < queues.size(); i += 3) *queues[i] += "again";
+    for (std::size_t i = 0; i < queues.size(); ++i)
+        EXPECT_TRUE(*queues[i] == (i % 3 == 0 ? "again" : "queue " + std::to_string(i)));
+}
+
+} // namespace

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace base {
+
+/// First-in-first-out bytes between two ends of unequal speed.
+///
+/// Behaves as one byte string; costs as a queue: taking from the front never moves what
+/// stays, and a drained queue holds no memory. Bytes lie in blocks of 64 KiB that all queues
+/// of the process share; when few are in use their pages go back to the kernel. One thread
+/// uses them.
+class byte_queue {
+public:
+    byte_queue() = default;
+    byte_queue(const byte_queue&) = delete;
+    byte_queue& operator=(const byte_queue&) = delete;
+    ~byte_queue();
+
+    /// Bytes waiting.
+    std::size_t size() const { return size_; }
+    bool empty() const { return size_ == 0; }
+
+    /// Copies `length` bytes behind those that wait. They must not lie in this queue.
+    void append(const char* bytes, std::size_t length);
+
+    /// Copies `text` behind the bytes that wait.
+    byte_queue& operator+=(std::string_view text);
+
+    /// Drops everything that waits and puts `text` in its place.
+    void assign(std::string_view text);
+
+    /// Drops everything that waits.
+    void clear();
+
+    /// Moves at most `capacity` bytes from the front into `out` and returns how many.
+    std::size_t take(char* out, std::size_t capacity);
+
+    /// A copy of all that waits.
+    operator std::string() const;
+
+    /// True when exactly the bytes of `text` wait.
+    friend bool operator==(const byte_queue& queue, std::string_view text) {
+        return queue.equals_(text);
+    }
+
+private:
+    struct block;
+
+    bool equals_(std::string_view text) const;
+    void add_block_();
+    void drop_first_();
+
+    /// Sum of the filled parts of all blocks; 0 exactly when `first_` is null.
+    std::size_t size_ = 0;
+    block* first_ = nullptr;
+    block* last_ = nullptr;
+};
+
+} // namespace base
