@@ -46,6 +46,14 @@ public:
 
     int fd() const { return fd_; }
 
+    /// The local port of a TCP socket.
+    int port() const {
+        sockaddr_in own{};
+        socklen_t length = sizeof own;
+        EXPECT_EQ(getsockname(fd_, reinterpret_cast<sockaddr*>(&own), &length), 0);
+        return ntohs(own.sin_port);
+    }
+
     /// Writes all of `bytes`; the test fails when the socket does not take them at once.
     void send(std::string_view bytes) const {
         const auto count = ::send(fd_, bytes.data(), bytes.size(), 0);

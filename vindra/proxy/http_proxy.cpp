@@ -1,0 +1,154 @@
+#include "vindra/proxy/http_proxy.h"
+
+#include "vindra/base/split_url.h"
+#include "vindra/core/server_base.h"
+#include "vindra/core/sockets.h"
+#include "vindra/proxy/proxy_connection.h"
+
+#include <cstdio>
+
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+http_proxy::http_proxy() {
+    websockets = false;
+}
+
+http_proxy::~http_proxy() {
+    proxy_pipe::release(pipe);
+}
+
+server_base*& http_proxy::g_server() {
+    static server_base* home = nullptr;
+    return home;
+}
+
+bool http_proxy::should_block(const std::string& /*host*/) {
+    return false;
+}
+
+void http_proxy::on_headers() {
+    std::puts(info(true).c_str());
+    const split_url target(url);
+    if (should_block(target.host)) return answer_not_found();
+
+    if (!attached() || backend_host != target.host || backend_port != target.port) {
+        renew_pipe();
+        if (!connect_backend(target.host, target.port)) return answer_bad_gateway();
+        backend_host = target.host;
+        backend_port = target.port;
+    }
+
+    if (method == "CONNECT") {
+        // Without keep-alive the request never ends, so all that follows is its body.
+        keep_alive = false;
+        pipe->to_client += "HTTP/1.1 200 OK\r\n\r\n";
+        return;
+    }
+    pipe->to_backend += method + " " + target.path + " " + version + "\r\n";
+    pipe->to_backend += copy_headers(headers);
+    pipe->to_backend += "\r\n";
+}
+
+void http_proxy::on_data(char* bytes, int length) {
+    pipe->to_backend.append(bytes, static_cast<std::size_t>(length));
+}
+
+void http_proxy::on_request() {}
+
+bool http_proxy::on_send(char* buffer, int capacity, int* length) {
+    return pipe->send_from(pipe->to_client, buffer, capacity, length);
+}
+
+std::string http_proxy::copy_headers(const std::string& headers) {
+    constexpr std::string_view line_end = "\r\n";
+    std::string kept;
+    std::size_t end = headers.find(line_end);
+    if (end == std::string::npos || end == 0) return kept;
+
+    kept.reserve(headers.size());
+    for (;;) {
+        const std::size_t start = end + line_end.size();
+        // The search begins behind the line's first two bytes: no header is that short.
+        end = headers.find(line_end, start + 2);
+        if (end == std::string::npos) return kept;
+
+        const std::string_view line(headers.data() + start, end - start);
+        if (line.starts_with("Proxy") || line.starts_with("Connection")) continue;
+        kept.append(line).append(line_end);
+    }
+}
+
+void http_proxy::renew_pipe() {
+    proxy_pipe::release(pipe);
+    pipe = new proxy_pipe;
+}
+
+void http_proxy::answer_not_found() {
+    pipe->to_client +=
+        "HTTP/1.1 404 Not Found\r\nContent-Type: text/plain\r\nContent-Length: 0\r\n\r\n";
+}
+
+void http_proxy::answer_bad_gateway() {
+    pipe->to_client.assign("HTTP/1.1 502 Bad Gateway\r\nContent-Type: text/plain\r\n"
+                           "Connection: close\r\n\r\nUnable to connect");
+    keep_alive = false;
+}
+
+namespace {
+
+const addrinfo* first_not_ipv6(const addrinfo* list) {
+    while (list != nullptr && list->ai_family == AF_INET6) list = list->ai_next;
+    return list;
+}
+
+// A socket on its way to `where`; -1 when there is none to be had. Whether it gets there
+// shows later, as an end of stream if it does not.
+int begin_connecting(const addrinfo& where) {
+    const int fd = socket(where.ai_family, where.ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC,
+                          where.ai_protocol);
+    if (fd == -1) return -1;
+    const int on = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    connect(fd, where.ai_addr, where.ai_addrlen);
+    return fd;
+}
+
+// Prints why and returns -1 when there is no socket.
+int connect_to(const std::string& host, int port) {
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* list = nullptr;
+    if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &list) != 0) {
+        std::printf("getaddrinfo() failed for host %s:%d!\n", host.c_str(), port);
+        return -1;
+    }
+
+    const addrinfo* const where = first_not_ipv6(list);
+    const int fd = where == nullptr ? -1 : begin_connecting(*where);
+    freeaddrinfo(list);
+    if (fd == -1) std::printf("No addresses worked for host %s:%d.\n", host.c_str(), port);
+    return fd;
+}
+
+} // namespace
+
+bool http_proxy::connect_backend(const std::string& host, int to_port) {
+    const int socket = connect_to(host, to_port);
+    if (socket == -1) return false;
+
+    auto* const conn = new proxy_connection(socket, pipe);
+    timeout = -1;
+    if (g_server() == nullptr) {
+        // The backend connection is left to itself; its share of the pipe keeps this client
+        // open, so that the mistake is seen.
+        std::puts("Error! No server assigned for proxy connections.");
+        return true;
+    }
+    g_server()->connections.add(conn);
+    sockets::all()->set(socket);
+    return true;
+}

@@ -1,0 +1,81 @@
+#pragma once
+
+#include "vindra/http/http_connection.h"
+#include "vindra/proxy/proxy_pipe.h"
+
+#include <string>
+
+class server_base;
+
+/// A client connection whose requests are relayed to a backend, and the backend's bytes back,
+/// unread and unchanged.
+///
+/// As it is, a forward proxy: it serves absolute-URI requests (RFC 9112, section 3.2.2) and
+/// CONNECT (RFC 9110, section 9.3.6). reverse_proxy overrides on_headers() to choose the
+/// backend by host. WebSocket handshakes are forwarded like any request.
+///
+/// A client connection has at most one backend at a time. While one is attached neither side
+/// is timed out, and when it ends the client ends too, once all that it brought is delivered:
+/// that is what delimits an answer without a length.
+class http_proxy : public http_connection {
+public:
+    http_proxy();
+    ~http_proxy() override;
+
+    /// Hands over what the backend has sent.
+    bool on_send(char* buffer, int capacity, int* length) override;
+
+    /// Chooses the backend by the request's target, connects to it unless it is the one that is
+    /// attached, and queues the request in origin form; answers 404 for a destination that
+    /// should_block() refuses, and 502 where the address cannot be had. CONNECT turns the
+    /// connection into a tunnel. A connect that fails later closes the client unanswered.
+    void on_headers() override;
+
+    /// Queues the bytes for the backend as they are: bodies, and all that a tunnel carries.
+    void on_data(char* bytes, int length) override;
+
+    /// Nothing: the answer is whatever the backend sends.
+    void on_request() override;
+
+    /// Called once a request with the host that it names; true answers 404 instead. False here.
+    virtual bool should_block(const std::string& host);
+
+    /// The lines of a header block that go to a backend, each with its line end: all but the
+    /// first line and those that begin with the bytes "Proxy" or "Connection". A line of a
+    /// single byte is taken together with the line behind it.
+    static std::string copy_headers(const std::string& headers);
+
+    /// The server into whose list every backend connection of the process goes. Set it before
+    /// any client is accepted, and leave it until that server has ended.
+    static server_base*& g_server();
+
+    /// Host of the attached backend as the target named it; empty when there is none.
+    std::string backend_host;
+
+    /// Port of the attached backend; 0 when there is none.
+    int backend_port = 0;
+
+    /// The queues in use: `initial_pipe` until a backend is attached. Never null.
+    proxy_pipe* pipe = &initial_pipe;
+
+    /// Stands for the backend that may still come, whose share keeps a fresh client open.
+    proxy_pipe initial_pipe{2};
+
+protected:
+    /// True while the backend connection of the current pipe lives.
+    bool attached() const { return pipe->refs >= 2; }
+
+    /// Drops the current pipe, whose backend connection then drains and ends, for an empty one.
+    void renew_pipe();
+
+    /// Opens a backend connection on the current pipe to the first address of `host` that is
+    /// not IPv6, without waiting for it, and disables the client's idle time-out. False, with
+    /// the reason printed, when there is no such address or no socket.
+    bool connect_backend(const std::string& host, int to_port);
+
+    /// Queues the answer for a destination that there is none of here.
+    void answer_not_found();
+
+    /// Replaces what waits for the client by the 502 answer, after which it ends.
+    void answer_bad_gateway();
+};

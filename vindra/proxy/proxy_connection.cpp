@@ -1,0 +1,19 @@
+#include "vindra/proxy/proxy_connection.h"
+
+proxy_connection::proxy_connection(int socket, proxy_pipe* shared) : pipe(shared) {
+    fd = socket;
+    timeout = -1;
+    ++pipe->refs;
+}
+
+proxy_connection::~proxy_connection() {
+    proxy_pipe::release(pipe);
+}
+
+void proxy_connection::on_recv(char* data, int length) {
+    pipe->to_client.append(data, static_cast<std::size_t>(length));
+}
+
+bool proxy_connection::on_send(char* buffer, int capacity, int* length) {
+    return pipe->send_from(pipe->to_backend, buffer, capacity, length);
+}

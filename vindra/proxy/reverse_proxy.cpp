@@ -1,0 +1,48 @@
+#include "vindra/proxy/reverse_proxy.h"
+
+#include "vindra/base/num.h"
+#include "vindra/core/ipv4_text.h"
+
+#include <cstdio>
+
+base::hashmap<int>& reverse_proxy::hosts() {
+    static base::hashmap<int> h;
+    return h;
+}
+
+void reverse_proxy::on_headers() {
+    const std::string host = get_header("host", headers);
+    const int mapped_port = hosts().get(host);
+    std::puts(("[" + host + "] " + info(true)).c_str());
+
+    switch (mapped_port) {
+    case echo_port:
+        answer_with_echo_();
+        break;
+    case 0:
+        answer_not_found();
+        break;
+    default:
+        forward_to_(mapped_port);
+    }
+}
+
+void reverse_proxy::answer_with_echo_() {
+    const std::string body = headers + "\r\nYour IPv4 address is: " + ipv4_text(address);
+    pipe->to_client += "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: " +
+                       base::num(static_cast<double>(body.size())) + "\r\n\r\n" + body;
+}
+
+void reverse_proxy::forward_to_(int mapped_port) {
+    if (!attached() || backend_port != mapped_port) {
+        renew_pipe();
+        if (!connect_backend("localhost", mapped_port)) return answer_bad_gateway();
+        backend_port = mapped_port;
+    }
+
+    // The peer's address comes in a line of its own behind all others, so that a backend can
+    // tell it from what the client has claimed.
+    pipe->to_backend += method + " " + url + " " + version + "\r\n";
+    pipe->to_backend += copy_headers(headers);
+    pipe->to_backend += "X-Forwarded-For: " + ipv4_text(address) + "\r\n\r\n";
+}
