@@ -63,7 +63,8 @@ class Program:
         def has_come():
             return text in self._printed or self._process.poll() is not None
         wait_until(has_come, f"{text!r} in {self.output[-2000:]!r}")
-        self._process.poll() is not None and self._reader.join(PATIENCE)
+        if self._process.poll() is not None:
+            self._reader.join(PATIENCE)
         assert text in self._printed, (self.output, self._process.returncode)
 
     def await_start(self):
@@ -73,7 +74,7 @@ class Program:
 
     @property
     def status_lines(self):
-        return [line for line in self.output.splitlines() if re.fullmatch(rb"\d+ connections", line)]
+        return re.findall(rb"(?m)^\d+ connections$", self.output)
 
     @property
     def log(self):
@@ -102,6 +103,12 @@ class Program:
     def descriptors(self):
         """The descriptor numbers that are open."""
         return {int(name) for name in os.listdir(f"/proc/{self.pid}/fd")}
+
+    def sockets(self):
+        """What the descriptors that are sockets lead to."""
+        folder = f"/proc/{self.pid}/fd"
+        targets = [os.readlink(f"{folder}/{name}") for name in os.listdir(folder)]
+        return [target for target in targets if target.startswith("socket:")]
 
     def await_descriptors(self, expected):
         wait_until(lambda: self.descriptors() == expected,

@@ -92,7 +92,7 @@ class Stream:
             return self._take(len(self.received) - self._taken)
 
     def ends_abruptly_or_orderly(self):
-        """Wait for the end of the connection, whichever way it comes, and drop what comes before."""
+        """Wait for the end of the connection, whichever way it comes."""
         try:
             self.read_to_end()
         except ConnectionResetError:

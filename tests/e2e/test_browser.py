@@ -1,0 +1,85 @@
+"""A browser loads a page of many files through the program."""
+
+import re
+import struct
+import zlib
+
+import pytest
+from selenium import webdriver
+from selenium.webdriver.chrome.options import Options
+from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.support.ui import WebDriverWait
+
+ASSETS = 50
+SWITCHES = [
+    "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+    "--disable-background-networking", "--disable-component-update", "--disable-sync",
+    "--disable-dev-shm-usage", "--no-proxy-server",
+]
+
+
+def png(width):
+    """A black picture, `width` pixels wide and one high."""
+    def chunk(kind, data):
+        body = kind + data
+        return struct.pack(">I", len(data)) + body + struct.pack(">I", zlib.crc32(body))
+    return (b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", struct.pack(">IIBBBBB", width, 1, 8, 0, 0, 0, 0))
+            + chunk(b"IDAT", zlib.compress(bytes(width + 1))) + chunk(b"IEND", b""))
+
+
+def write_site(root):
+    """A page with 20 pictures, 15 style sheets and 15 scripts, each with an effect of its own."""
+    names = [f"{number}.{kind}" for kind, count in [("png", 20), ("css", 15), ("js", 15)]
+             for number in range(1, count + 1)]
+    for name in names:
+        number, kind = name.split(".")
+        (root / name).write_bytes({
+            "png": png(int(number)),
+            "css": f":root {{ --sheet-{number}: {number}; }}".encode(),
+            "js": f"window.sum = (window.sum || 0) + {number};".encode(),
+        }[kind])
+    tags = {"png": '<img src="{}">', "css": '<link rel="stylesheet" href="{}">',
+            "js": '<script src="{}"></script>'}
+    body = "".join(tags[name.split(".")[1]].format(name) for name in names)
+    (root / "page.html").write_text(f"<!doctype html><title>fifty</title>{body}")
+    assert len(names) == ASSETS
+    return names
+
+
+@pytest.fixture
+def browser(tmp_path):
+    """A headless Chromium with a profile of its own."""
+    options = Options()
+    for switch in [*SWITCHES, f"--user-data-dir={tmp_path}/profile"]:
+        options.add_argument(switch)
+    driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+    driver.set_page_load_timeout(40)
+    yield driver
+    driver.quit()
+
+
+EFFECTS = """
+const style = getComputedStyle(document.documentElement);
+return {
+    pictures: [...document.images].map(image => image.complete && image.naturalWidth),
+    sheets: [...Array(15).keys()].map(n => parseInt(style.getPropertyValue("--sheet-" + (n + 1)))),
+    scripts: window.sum,
+};
+"""
+
+
+@pytest.mark.limit(100)
+def test_chromium_loads_a_page_of_fifty_assets(launch, nginx, browser):
+    names = write_site(nginx.root)
+    program = launch("PORT", "-map", "127.0.0.1:PORT", nginx.port)
+    browser.get(f"http://127.0.0.1:{program.port}/page.html")
+    WebDriverWait(browser, 30).until(
+        lambda driver: driver.execute_script("return document.readyState") == "complete")
+    assert browser.title == "fifty"
+    assert browser.execute_script(EFFECTS) == {
+        "pictures": list(range(1, 21)), "sheets": list(range(1, 16)), "scripts": 120}
+    served = re.findall(r'"GET /(\S+) HTTP/1.1" 200 ', "\n".join(nginx.log()))
+    assert sorted(served) == sorted(["page.html", *names])
+    for name in names:
+        assert re.search(rb"(?m)^\[127\.0\.0\.1:%d\] 127\.0\.0\.1:\d+ GET /%s HTTP/1\.1 \[.+\]$"
+                         % (program.port, re.escape(name.encode())), program.output)
