@@ -17,8 +17,9 @@ SETTLING_HOST = "settling.invalid"
 
 
 def build_folder():
-    """The CMake build folder under test: VINDRA_BUILD, relative to the source tree or absolute."""
-    return ROOT / os.environ.get("VINDRA_BUILD", "build/release")
+    """The CMake build folder under test: what VINDRA_BUILD names, or the release build."""
+    named = os.environ.get("VINDRA_BUILD")
+    return pathlib.Path(named).resolve() if named else ROOT / "build" / "release"
 
 
 def program_path():
