@@ -208,7 +208,8 @@ bool http_connection::subscribe(const std::string& channel) {
     return true;
 }
 
-// Takes the name by value: it may be a key of either map, which dies with its entry.
+// By value, since the name may be a key of either map and would die with its entry.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 void http_connection::unsubscribe(std::string channel) {
     if (subscriptions.unset(channel) != 0) leave_channel_(channel);
 }

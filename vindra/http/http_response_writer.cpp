@@ -121,7 +121,7 @@ void http_connection::finish_deferred_(response_part& part) {
 void http_connection::send_text_(response_part& part, char* buffer, int capacity, int* length) {
     const std::size_t space = capacity > 0 ? static_cast<std::size_t>(capacity) : 0;
     const std::size_t taken = std::min(part.text.size(), space);
-    std::memcpy(buffer, part.text.data(), taken);
+    part.text.copy(buffer, taken);
     *length = static_cast<int>(taken);
     if (taken == part.text.size()) {
         drop_first_part_();
