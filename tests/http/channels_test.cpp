@@ -1,0 +1,281 @@
+#include "tests/support/captured_output.h"
+#include "tests/support/frames.h"
+
+#include <chrono>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace std::string_literals;
+using members = std::vector<http_connection*>;
+
+members members_of(const std::string& channel) {
+    const auto* list = http_connection::channels().get(channel);
+    if (!list) return {};
+    EXPECT_EQ(list->items[list->count], nullptr);
+    return {list->items, list->items + list->count};
+}
+
+std::vector<std::string> names_of(const http_connection& conn) {
+    std::vector<std::string> names;
+    for (unsigned i = 0; i < conn.subscriptions.count; ++i)
+        names.push_back(*conn.subscriptions.keys[i]);
+    return names;
+}
+
+// Does in on_message() what a test tells it to.
+class acting_connection : public recording_connection {
+public:
+    acting_connection() { upgraded = headers_done = written = true; }
+    void on_message() override { act(*this); }
+    void (*act)(acting_connection& self) = nullptr;
+};
+
+class channels : public testing::Test {
+protected:
+    ~channels() override { EXPECT_EQ(http_connection::channels().count, 0U) << "a key was left"; }
+};
+
+} // namespace
+
+TEST_F(channels, are_one_map_for_the_process) {
+    EXPECT_EQ(&http_connection::channels(), &http_connection::channels());
+    EXPECT_EQ(http_connection::channels().hash, base::orlix_hash);
+}
+
+TEST_F(channels, refuse_a_connection_that_is_not_upgraded) {
+    const auto conn = std::make_unique<http_connection>();
+    EXPECT_FALSE(conn->subscribe("c"));
+    EXPECT_EQ(conn->subscriptions.count, 0U);
+    EXPECT_EQ(http_connection::channels().count, 0U);
+}
+
+TEST_F(channels, hold_their_members_in_the_order_of_joining) {
+    const auto a = upgraded_connection();
+    const auto b = upgraded_connection();
+    EXPECT_TRUE(b->subscribe("c"));
+    EXPECT_TRUE(a->subscribe("c"));
+    EXPECT_EQ(members_of("c"), (members{b.get(), a.get()}));
+}
+
+TEST_F(channels, count_joining_twice_once) {
+    const auto conn = upgraded_connection();
+    EXPECT_TRUE(conn->subscribe("c"));
+    EXPECT_TRUE(conn->subscribe("c"));
+    EXPECT_EQ(members_of("c"), members{conn.get()});
+    http_connection::publish("c", "x", 1);
+    EXPECT_EQ(drain(*conn).bytes(), "\x81\x01x");
+}
+
+TEST_F(channels, exist_until_their_last_member_leaves) {
+    const auto a = upgraded_connection();
+    const auto b = upgraded_connection();
+    a->subscribe("c");
+    b->subscribe("c");
+    a->unsubscribe("c");
+    EXPECT_EQ(members_of("c"), members{b.get()});
+    EXPECT_EQ(a->subscriptions.count, 0U);
+    b->unsubscribe("c");
+    EXPECT_EQ(http_connection::channels().get("c"), nullptr);
+    EXPECT_EQ(http_connection::channels().count, 0U);
+}
+
+TEST_F(channels, are_left_by_a_connection_that_ends) {
+    const auto a = upgraded_connection();
+    auto b = upgraded_connection();
+    const auto c = upgraded_connection();
+    for (auto* conn : {a.get(), b.get(), c.get()}) conn->subscribe("shared");
+    b->subscribe("own");
+    captured_output output;
+    b.reset();
+    EXPECT_EQ(members_of("shared"), (members{a.get(), c.get()}));
+    EXPECT_EQ(http_connection::channels().get("own"), nullptr);
+    EXPECT_EQ(http_connection::channels().count, 1U);
+    EXPECT_EQ(output.take(), "");
+}
+
+TEST_F(channels, may_be_joined_again) {
+    const auto a = upgraded_connection();
+    const auto b = upgraded_connection();
+    a->subscribe("c");
+    b->subscribe("c");
+    a->unsubscribe("c");
+    a->subscribe("c");
+    EXPECT_EQ(members_of("c"), (members{b.get(), a.get()}));
+}
+
+TEST_F(channels, ignore_the_leaving_of_one_who_is_no_member) {
+    const auto a = upgraded_connection();
+    const auto b = upgraded_connection();
+    a->subscribe("c");
+    captured_output output;
+    b->unsubscribe("c");
+    b->unsubscribe("unknown");
+    EXPECT_EQ(members_of("c"), members{a.get()});
+    EXPECT_EQ(output.take(), "");
+}
+
+TEST_F(channels, may_be_left_by_the_name_that_a_map_holds) {
+    const auto conn = upgraded_connection();
+    conn->subscribe("a name that is too long to be stored inside its string");
+    conn->unsubscribe(*conn->subscriptions.keys[0]);
+    conn->subscribe("a name that is too long to be stored inside its string");
+    conn->unsubscribe(*http_connection::channels().keys[0]);
+    EXPECT_EQ(conn->subscriptions.count, 0U);
+}
+
+TEST_F(channels, take_any_name) {
+    const auto conn = upgraded_connection();
+    for (const std::string& name : {""s, "a\0b"s, "a"s, std::string(1000, 'x')}) {
+        EXPECT_TRUE(conn->subscribe(name));
+        EXPECT_EQ(members_of(name), members{conn.get()});
+    }
+    EXPECT_EQ(names_of(*conn).size(), 4U);
+}
+
+TEST_F(channels, report_a_subscription_without_a_channel) {
+    auto conn = upgraded_connection();
+    conn->subscriptions.set("lost", 1);
+    conn->subscribe("found");
+    captured_output output;
+    conn.reset();
+    EXPECT_EQ(output.take(), "Error! Channel not found: lost\n");
+}
+
+TEST_F(channels, report_a_channel_without_the_member) {
+    const auto other = upgraded_connection();
+    auto conn = upgraded_connection();
+    conn->fd = 17;
+    other->subscribe("c");
+    conn->subscriptions.set("c", 1);
+    conn->subscribe("d");
+    captured_output output;
+    conn.reset();
+    EXPECT_EQ(output.take(), "Error! Subscription for 17 to c not found!\n");
+    EXPECT_EQ(members_of("c"), members{other.get()});
+}
+
+TEST_F(channels, are_not_looked_at_by_a_connection_that_was_never_upgraded) {
+    auto conn = std::make_unique<http_connection>();
+    conn->subscriptions.set("c", 1);
+    captured_output output;
+    conn.reset();
+    EXPECT_EQ(output.take(), "");
+}
+
+TEST_F(channels, carry_one_message_to_every_member) {
+    const auto a = upgraded_connection();
+    const auto b = upgraded_connection();
+    const auto outside = upgraded_connection();
+    a->subscribe("c");
+    b->subscribe("c");
+    outside->subscribe("other");
+    http_connection::publish("c", "hello", 2);
+    EXPECT_EQ(drain(*a).bytes(), "\x82\x05hello");
+    EXPECT_EQ(drain(*b).bytes(), "\x82\x05hello");
+    EXPECT_EQ(drain(*outside).bytes(), "");
+}
+
+TEST_F(channels, do_nothing_for_a_name_that_nobody_joined) {
+    captured_output output;
+    http_connection::publish("nobody", "hello", 1);
+    EXPECT_EQ(output.take(), "");
+    EXPECT_EQ(http_connection::channels().count, 0U);
+}
+
+TEST_F(channels, may_be_published_to_from_a_message) {
+    const auto a = std::make_unique<acting_connection>();
+    const auto b = std::make_unique<acting_connection>();
+    a->act =
+        b->act = [](acting_connection& self) { http_connection::publish("c", self.message, 1); };
+    a->subscribe("c");
+    b->subscribe("c");
+    feed(*a, short_frame(0x81, "from a"));
+    EXPECT_EQ(drain(*a).bytes(), "\x81\x06"
+                                 "from a");
+    EXPECT_EQ(drain(*b).bytes(), "\x81\x06"
+                                 "from a");
+}
+
+TEST_F(channels, may_be_left_and_joined_around_a_publish_from_a_message) {
+    const auto a = std::make_unique<acting_connection>();
+    const auto b = std::make_unique<acting_connection>();
+    a->act = [](acting_connection& self) {
+        http_connection::publish("c", "1", 1);
+        self.unsubscribe("c");
+        http_connection::publish("c", "2", 1);
+        self.subscribe("c");
+        http_connection::publish("c", "3", 1);
+    };
+    a->subscribe("c");
+    b->subscribe("c");
+    feed(*a, short_frame(0x81, "go"));
+    EXPECT_EQ(drain(*a).bytes(), "\x81\x01"
+                                 "1\x81\x01"
+                                 "3");
+    EXPECT_EQ(drain(*b).bytes(), "\x81\x01"
+                                 "1\x81\x01"
+                                 "2\x81\x01"
+                                 "3");
+    EXPECT_EQ(members_of("c"), (members{b.get(), a.get()}));
+}
+
+TEST_F(channels, may_vanish_while_their_only_member_reads_messages) {
+    const auto a = std::make_unique<acting_connection>();
+    a->act = [](acting_connection& self) {
+        self.unsubscribe("c");
+        http_connection::publish("c", "nobody hears", 1);
+    };
+    a->subscribe("c");
+    feed(*a, short_frame(0x81, "go") + short_frame(0x81, "go"));
+    EXPECT_EQ(drain(*a).bytes(), "");
+    EXPECT_EQ(http_connection::channels().count, 0U);
+}
+
+TEST_F(channels, carry_a_payload_that_is_a_name_of_theirs) {
+    const auto a = upgraded_connection();
+    a->subscribe("c");
+    const std::string& key = *http_connection::channels().keys[0];
+    http_connection::publish(key, key, 1);
+    EXPECT_EQ(drain(*a).bytes(), "\x81\x01"
+                                 "c");
+}
+
+// Taking a key out rebuilds its map, so a thousand names show what ten thousand would.
+TEST_F(channels, hold_a_thousand_subscriptions_of_one_connection) {
+    const auto stays = upgraded_connection();
+    auto leaves = upgraded_connection();
+    for (int i = 0; i < 1000; ++i) leaves->subscribe("channel " + std::to_string(i));
+    stays->subscribe("channel 77");
+    EXPECT_EQ(http_connection::channels().count, 1000U);
+    EXPECT_EQ(names_of(*leaves)[999], "channel 999");
+    leaves.reset();
+    EXPECT_EQ(http_connection::channels().count, 1U);
+    EXPECT_EQ(members_of("channel 77"), members{stays.get()});
+}
+
+TEST_F(channels, hold_ten_thousand_subscriptions_of_a_hundred_connections) {
+    std::vector<std::unique_ptr<recording_connection>> all;
+    for (int i = 0; i < 100; ++i) {
+        all.push_back(upgraded_connection());
+        for (int j = 0; j < 100; ++j) all.back()->subscribe("channel " + std::to_string(j));
+    }
+    members expected;
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        // Two of three leave, from all over the lists.
+        if (i % 3 != 0) {
+            all[i].reset();
+        } else {
+            expected.push_back(all[i].get());
+        }
+    }
+    for (int j = 0; j < 100; ++j) EXPECT_EQ(members_of("channel " + std::to_string(j)), expected);
+
+    http_connection::publish("channel 99", "x", 1);
+    for (const auto& conn : all) {
+        if (conn) {
+            EXPECT_EQ(conn->parts.count, 1);
+        }
+    }
+}

@@ -1,0 +1,273 @@
+#include "vindra/http/deferred_result.h"
+#include "vindra/http/http_connection.h"
+
+#include "tests/support/captured_output.h"
+#include "tests/support/drain.h"
+
+#include <cstdio>
+#include <ctime>
+#include <memory>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+constexpr int mebibyte = 1048576;
+
+using part = http_connection::response_part;
+
+class counted_result : public deferred_result {
+public:
+    explicit counted_result(int& alive) : alive_(alive) { ++alive_; }
+    ~counted_result() override { --alive_; }
+
+private:
+    int& alive_;
+};
+
+class send_queue : public testing::Test {
+protected:
+    part& add_text(const std::string& text) {
+        part& p = add();
+        p.text = text;
+        return p;
+    }
+    part& add_file(const std::string& contents, double budget = -1.0) {
+        part& p = add();
+        p.file = std::tmpfile();
+        p.budget = budget;
+        std::fwrite(contents.data(), 1, contents.size(), p.file);
+        std::rewind(p.file);
+        return p;
+    }
+    counted_result& add_deferred(int restore_timeout = 10) {
+        auto* result = new counted_result(alive_);
+        part& p = add();
+        p.result = result;
+        p.restore_timeout = restore_timeout;
+        return *result;
+    }
+    static void finish(deferred_result& result, const std::string& text) {
+        result.output = var(text);
+        result.done.store(true, std::memory_order_release);
+    }
+    void expect_piece(const std::string& bytes, int capacity = mebibyte) {
+        const sent_piece piece = send_once(*conn_, capacity);
+        EXPECT_EQ(piece.bytes, bytes);
+        EXPECT_TRUE(piece.open);
+    }
+
+    std::unique_ptr<http_connection> conn_{new http_connection};
+    int alive_ = 0;
+
+private:
+    part& add() {
+        auto* p = new part;
+        conn_->parts.add(p);
+        return *p;
+    }
+};
+
+} // namespace
+
+TEST_F(send_queue, waits_with_nothing_queued_until_a_response_of_an_unkept_connection) {
+    const struct {
+        bool written;
+        bool keep_alive;
+        bool open;
+    } cases[] = {
+        {false, true, true}, {false, false, true}, {true, true, true}, {true, false, false}};
+    for (const auto& c : cases) {
+        conn_->written = c.written;
+        conn_->keep_alive = c.keep_alive;
+        int length = 12345;
+        EXPECT_EQ(conn_->on_send(conn_->send_buffer, mebibyte, &length), c.open);
+        EXPECT_EQ(length, 12345) << "untouched where nothing is put";
+    }
+}
+
+TEST_F(send_queue, hands_over_one_part_a_call_and_stays_open_meanwhile) {
+    conn_->written = true;
+    conn_->keep_alive = false;
+    add_text("one");
+    add_text("two");
+    expect_piece("one");
+    expect_piece("two");
+    EXPECT_FALSE(send_once(*conn_).open);
+}
+
+TEST_F(send_queue, drops_an_empty_part) {
+    add_text("");
+    add_text("next");
+    expect_piece("");
+    expect_piece("next");
+}
+
+TEST_F(send_queue, keeps_what_does_not_fit_for_the_next_call) {
+    add_text("abcdefgh");
+    expect_piece("abc", 3);
+    ASSERT_EQ(conn_->parts.count, 1);
+    EXPECT_EQ(conn_->parts.head->next->value->text, "defgh");
+    expect_piece("def", 3);
+    expect_piece("gh", 3);
+    EXPECT_EQ(conn_->parts.count, 0);
+}
+
+TEST_F(send_queue, never_writes_past_the_capacity) {
+    add_text(std::string(100, 'x'));
+    conn_->send_buffer[10] = '#';
+    send_once(*conn_, 10);
+    EXPECT_EQ(conn_->send_buffer[10], '#');
+}
+
+TEST_F(send_queue, sends_a_file_to_its_end_in_pieces_of_the_capacity) {
+    add_file("abcdefghij");
+    expect_piece("abcd", 4);
+    expect_piece("efgh", 4);
+    expect_piece("ij", 4);
+    EXPECT_EQ(conn_->parts.count, 0) << "a short piece is the last one";
+}
+
+TEST_F(send_queue, notices_the_end_of_a_file_that_fills_its_last_piece_one_call_later) {
+    add_file("abcd");
+    expect_piece("abcd", 4);
+    EXPECT_EQ(conn_->parts.count, 1);
+    expect_piece("", 4);
+    EXPECT_EQ(conn_->parts.count, 0);
+}
+
+TEST_F(send_queue, counts_a_budget_down_while_it_covers_the_capacity) {
+    part& p = add_file(std::string(100, 'x'), 8);
+    expect_piece("xxxx", 4);
+    EXPECT_EQ(p.budget, 4);
+    expect_piece("xxxx", 4);
+    EXPECT_EQ(p.budget, 0);
+    expect_piece("", 4);
+    EXPECT_EQ(conn_->parts.count, 0);
+}
+
+TEST_F(send_queue, repeats_a_budget_below_the_capacity_until_the_file_ends) {
+    part& p = add_file("abcdefgh", 3.9);
+    expect_piece("abc");
+    EXPECT_EQ(p.budget, 3.9);
+    expect_piece("def");
+    expect_piece("gh");
+    EXPECT_EQ(conn_->parts.count, 0);
+}
+
+TEST_F(send_queue, drops_a_file_without_budget) {
+    for (const double budget : {0.0, 0.5}) {
+        add_file("abc", budget);
+        int length = 12345;
+        EXPECT_TRUE(conn_->on_send(conn_->send_buffer, mebibyte, &length));
+        EXPECT_EQ(length, 0);
+        EXPECT_EQ(conn_->parts.count, 0);
+    }
+}
+
+TEST_F(send_queue, starts_a_file_where_it_stands) {
+    std::fseek(add_file("abcdef").file, 2, SEEK_SET);
+    expect_piece("cdef");
+}
+
+TEST_F(send_queue, takes_a_read_error_for_the_end_of_the_file) {
+    part& p = add_file("");
+    std::fclose(p.file);
+    p.file = std::fopen("/", "r"); // A directory opens and cannot be read.
+    ASSERT_NE(p.file, nullptr);
+    expect_piece("");
+    EXPECT_EQ(conn_->parts.count, 0);
+}
+
+TEST_F(send_queue, holds_everything_behind_a_result_that_is_not_done) {
+    deferred_result& result = add_deferred();
+    add_text("behind");
+    result.output = var("early");
+    for (int i = 0; i < 3; ++i) expect_piece("");
+    EXPECT_EQ(conn_->timeout, 10);
+    finish(result, "late");
+    expect_piece("4\r\nlate\r\n0\r\n\r\n");
+    expect_piece("behind");
+    EXPECT_EQ(alive_, 0);
+}
+
+TEST_F(send_queue, leaves_the_length_alone_while_a_result_is_not_done) {
+    add_deferred();
+    int length = 12345;
+    EXPECT_TRUE(conn_->on_send(conn_->send_buffer, mebibyte, &length));
+    EXPECT_EQ(length, 12345);
+}
+
+TEST_F(send_queue, restores_the_time_out_and_counts_a_result_as_activity) {
+    conn_->timeout = -1;
+    conn_->last_active = 5;
+    deferred_result& result = add_deferred(42);
+    send_once(*conn_);
+    EXPECT_EQ(conn_->timeout, -1);
+    EXPECT_EQ(conn_->last_active, 5);
+    finish(result, "x");
+    const std::time_t before = std::time(nullptr);
+    send_once(*conn_);
+    EXPECT_EQ(conn_->timeout, 42);
+    EXPECT_GE(conn_->last_active, before);
+}
+
+TEST_F(send_queue, writes_the_size_of_a_chunk_in_capital_hexadecimal) {
+    finish(add_deferred(), std::string(0xABC, 'x'));
+    expect_piece("ABC\r\n" + std::string(0xABC, 'x') + "\r\n0\r\n\r\n");
+}
+
+TEST_F(send_queue, sends_an_empty_result_as_two_last_chunks) {
+    finish(add_deferred(), "");
+    expect_piece("0\r\n\r\n0\r\n\r\n");
+}
+
+TEST_F(send_queue, sends_values_that_are_not_text_as_their_text) {
+    deferred_result& result = add_deferred();
+    result.done = true;
+    expect_piece("4\r\nnull\r\n0\r\n\r\n");
+}
+
+TEST_F(send_queue, replaces_a_result_that_exceeds_the_buffer) {
+    // "FFFF4" and four line ends with a zero: 14 bytes around the content.
+    const std::string largest(static_cast<std::size_t>(mebibyte - 14), 'x');
+    finish(add_deferred(), largest);
+    EXPECT_EQ(send_once(*conn_).bytes.size(), static_cast<std::size_t>(mebibyte));
+
+    captured_output output;
+    conn_->timeout = -1;
+    finish(add_deferred(7), largest + "x");
+    expect_piece("0\r\n\r\n");
+    EXPECT_EQ(conn_->timeout, 7);
+    EXPECT_EQ(output.take(), "Warning! Thread response (1048577) exceeds buffer size (1048576).\n");
+    EXPECT_EQ(alive_, 0);
+}
+
+TEST_F(send_queue, sends_a_result_that_another_thread_finishes) {
+    deferred_result& result = add_deferred();
+    std::thread worker([&result] { finish(result, "from afar"); });
+    std::string bytes;
+    while (bytes.empty()) bytes = send_once(*conn_).bytes;
+    worker.join();
+    EXPECT_EQ(bytes, "9\r\nfrom afar\r\n0\r\n\r\n");
+}
+
+TEST_F(send_queue, goes_with_its_connection) {
+    add_text("text");
+    add_file("file");
+    add_deferred();
+    conn_->parts.add(nullptr);
+    add_deferred();
+    EXPECT_EQ(alive_, 2);
+    conn_.reset();
+    EXPECT_EQ(alive_, 0);
+}
+
+TEST_F(send_queue, prefers_the_file_of_a_part_that_has_everything) {
+    part& p = add_file("file");
+    p.text = "text";
+    p.result = new counted_result(alive_);
+    expect_piece("file");
+    EXPECT_EQ(alive_, 0);
+}
