@@ -73,10 +73,10 @@ def keep():
 def launch(keep):
     """Start the program with the given arguments; "PORT" stands for a free port of its own."""
     with contextlib.ExitStack() as stack:
-        def launch(*arguments):
+        def launch(*arguments, **settings):
             port = keep(HeldPort()).port
             arguments = [str(word).replace("PORT", str(port)) for word in arguments]
-            program = Program(*arguments, port=port)
+            program = Program(*arguments, port=port, **settings)
             stack.callback(program.stop)
             return program.await_start()
         yield launch
@@ -85,11 +85,11 @@ def launch(keep):
 @pytest.fixture
 def serve(launch):
     """Start the program with a host map: serve({"app.local": backend, "echo.local": -1})."""
-    def serve(hosts):
+    def serve(hosts, **settings):
         words = ["PORT"]
         for host, target in hosts.items():
             words += ["-map", host, getattr(target, "port", target)]
-        return launch(*words)
+        return launch(*words, **settings)
     return serve
 
 

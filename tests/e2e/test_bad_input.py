@@ -1,6 +1,9 @@
 """Input that no client means well by: what it is answered, and that it harms nobody else."""
 
+import contextlib
 import random
+import re
+import socket
 
 import pytest
 
@@ -130,6 +133,19 @@ def test_a_body_longer_than_announced_is_passed_on_with_its_block(serve, record,
         assert link.is_quiet()
         link.send(OK)
         assert client.read_exactly(len(OK)) == OK
+
+
+def test_urgent_data_ends_its_client_with_a_line(program):
+    before = program.descriptors()
+    with program.connect() as client, served_meanwhile(program, "echo.local"):
+        client.send(get("none.local"))
+        assert client.read_exactly(len(NOT_FOUND)) == NOT_FOUND
+        client.socket.send(b"!", socket.MSG_OOB)
+        with contextlib.suppress(ConnectionResetError):
+            client.read_to_end()
+    program.await_output(b" has errors.\n")
+    program.await_descriptors(before)
+    assert len(re.findall(rb"(?m)^\d+ has errors\.$", program.output)) == 1
 
 
 def test_clients_that_leave_in_the_middle_of_a_request_leave_nothing(program):

@@ -80,6 +80,7 @@ def test_chromium_loads_a_page_of_fifty_assets(launch, nginx, browser):
         "pictures": list(range(1, 21)), "sheets": list(range(1, 16)), "scripts": 120}
     served = re.findall(r'"GET /(\S+) HTTP/1.1" 200 ', "\n".join(nginx.log()))
     assert sorted(served) == sorted(["page.html", *names])
+    program.stop()
     for name in names:
         assert re.search(rb"(?m)^\[127\.0\.0\.1:%d\] 127\.0\.0\.1:\d+ GET /%s HTTP/1\.1 \[.+\]$"
                          % (program.port, re.escape(name.encode())), program.output)

@@ -3,6 +3,7 @@
 import os
 import pathlib
 import re
+import resource
 import signal
 import subprocess
 import tempfile
@@ -37,12 +38,14 @@ def run(*arguments, expected_status=0):
 class Program:
     """The running program. Everything that it prints is kept as it was printed."""
 
-    def __init__(self, *arguments, port=None):
+    def __init__(self, *arguments, port=None, descriptors_max=None):
         self.port = port
         self._errors = tempfile.TemporaryFile()
         self._process = subprocess.Popen([program_path(), *map(str, arguments)],
                                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                          stderr=self._errors)
+        if descriptors_max:
+            resource.prlimit(self.pid, resource.RLIMIT_NOFILE, (descriptors_max, descriptors_max))
         self._printed = bytearray()
         self._reader = threading.Thread(target=self._collect, daemon=True)
         self._reader.start()

@@ -91,13 +91,6 @@ class Stream:
         except EndOfStream:
             return self._take(len(self.received) - self._taken)
 
-    def ends_abruptly_or_orderly(self):
-        """Wait for the end of the connection, whichever way it comes."""
-        try:
-            self.read_to_end()
-        except ConnectionResetError:
-            pass
-
     def is_quiet(self):
         """Neither a byte nor an end is waiting to be read."""
         if len(self.received) > self._taken:

@@ -1,0 +1,47 @@
+"""What happens when no descriptor is left to be had."""
+
+import contextlib
+
+from support.raw import get
+from support.texts import BAD_GATEWAY, NOT_FOUND, binding_lines, log_line
+from support.waiting import wait_until
+
+DESCRIPTORS_MAX = 32
+
+
+@contextlib.contextmanager
+def clients_for_every_descriptor(program):
+    """Connect until the program has no descriptor left, each client with an answered request."""
+    with contextlib.ExitStack() as stack:
+        clients = []
+        while len(program.descriptors()) < DESCRIPTORS_MAX:
+            clients.append(stack.enter_context(program.connect()))
+            clients[-1].send(get("none.local"))
+            assert clients[-1].read_exactly(len(NOT_FOUND)) == NOT_FOUND
+        yield clients
+
+
+def test_a_client_too_many_restarts_the_server_and_ends_every_connection(serve):
+    program = serve({"echo.local": -1}, descriptors_max=DESCRIPTORS_MAX)
+    before = program.descriptors()
+    with clients_for_every_descriptor(program) as clients:
+        with contextlib.suppress(ConnectionResetError), program.connect() as one_too_many:
+            one_too_many.read_to_end()
+        for client in clients:
+            assert client.read_to_end() == b""
+    program.await_output(b"accept() failed\n" + binding_lines(program.port))
+    program.settle()
+    program.await_descriptors(before)
+
+
+def test_without_a_descriptor_for_the_backend_the_answer_is_502(serve, record):
+    recorder = record()
+    program = serve({"app.local": recorder}, descriptors_max=DESCRIPTORS_MAX)
+    with clients_for_every_descriptor(program) as clients:
+        clients[0].send(get("app.local"))
+        assert clients[0].read_to_end() == BAD_GATEWAY
+        line = log_line("app.local", clients[0].local_port, "GET / HTTP/1.1")
+    # Resolving a name takes a descriptor too, so this is as far as some C libraries get.
+    reasons = (line + b"getaddrinfo() failed for host localhost:%d!\n" % recorder.port,
+               line + b"No addresses worked for host localhost:%d.\n" % recorder.port)
+    wait_until(lambda: any(reason in program.output for reason in reasons), "the reason")
