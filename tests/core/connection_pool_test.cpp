@@ -50,10 +50,9 @@ TEST(connection_pool, a_slot_used_again_carries_nothing_over) {
 }
 
 TEST(connection_pool, a_slot_wiped_beside_used_neighbours_leaves_them_alone) {
-    std::vector<char*> slots;
+    std::vector<char*> slots(200);
     constexpr std::size_t size = mib + 700;
-    for (int i = 0; i < 200; ++i)
-        slots.push_back(static_cast<char*>(connection_pool::allocate(size)));
+    for (char*& slot : slots) slot = static_cast<char*>(connection_pool::allocate(size));
     for (char* slot : slots) std::memset(slot, 'x', size);
     for (std::size_t i = 0; i < slots.size(); i += 2) connection_pool::release(slots[i], size);
     for (std::size_t i = 1; i < slots.size(); i += 2)

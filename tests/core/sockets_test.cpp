@@ -387,7 +387,7 @@ TEST(sockets, a_refused_connect_is_readable_and_writable_to_the_end) {
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     address.sin_port = htons(static_cast<std::uint16_t>(nobody_listens.number()));
-    connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), -1);
     sockets::all()->set(fd);
     sockets::ready()->set(fd);
     sockets::select_all();
