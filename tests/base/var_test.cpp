@@ -132,6 +132,27 @@ TEST(var, assignment_gives_up_what_was_there) {
     EXPECT_EQ(text_of(b), "one");
 }
 
+TEST(var, assignment_gives_up_a_body_for_any_kind) {
+    for (const var& other : {var(), var(2.5), var(true), var::array(), var::object()}) {
+        const var text = "text";
+        var a = text;
+        a = other;
+        EXPECT_EQ(text.value.data->refs, 1U);
+        EXPECT_EQ(a.kind, other.kind);
+        a = text;
+        EXPECT_EQ(text.value.data->refs, 2U);
+        EXPECT_EQ(text_of(a), "text");
+    }
+}
+
+TEST(var, ref_of_null_clears_the_value_whatever_stood_there) {
+    var null;
+    null.value.number = 2.5;
+    var a;
+    a.ref(null);
+    EXPECT_EQ(a.value.data, nullptr);
+}
+
 TEST(var, survives_assignment_to_itself) {
     var a = "text";
     const var& same = a;
