@@ -1,0 +1,27 @@
+#include "vindra/proxy/redirector.h"
+
+#include <string>
+
+namespace {
+
+std::string port_suffix(int port) {
+    return port == 443 ? "" : ":" + std::to_string(port);
+}
+
+} // namespace
+
+int& redirector::ssl_port() {
+    static int port = 443;
+    return port;
+}
+
+void redirector::on_request() {
+    const std::string authority = get_header("host", headers);
+    const std::string host = authority.substr(0, authority.find(':'));
+    write("HTTP/1.1 301 Moved Permanently\r\nLocation: https://" + host + port_suffix(ssl_port()) +
+              path + "\r\nConnection: close\r\n",
+          "");
+    // Only now: write() leaves the length of the body out of an answer that the end of the
+    // connection delimits, and this answer has one.
+    keep_alive = false;
+}
