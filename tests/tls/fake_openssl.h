@@ -7,7 +7,7 @@
 #include <vector>
 
 /// Puts functions of the test in the place of those that a server calls, for the life of this
-/// object. Sessions are plain sockets: bytes pass as they are. One object at a time.
+/// object. Sessions are plain sockets: bytes pass as they are. Objects nest.
 class fake_openssl {
 public:
     fake_openssl();

@@ -1,5 +1,6 @@
 // The program: reads the command line, fills the host map and runs the servers.
 
+#include "vindra/core/https.h"
 #include "vindra/core/server.h"
 #include "vindra/proxy/reverse_proxy.h"
 
@@ -73,6 +74,10 @@ int main(int argc, char** argv) {
         return 0;
     }
     const settings s = read_arguments(argc, argv);
-    run_plain(s.port);
+    if (s.ssl_port != 0) {
+        https::run<reverse_proxy>(s.ssl_port, s.key, s.crt, s.port);
+    } else {
+        run_plain(s.port);
+    }
     return 0;
 }
