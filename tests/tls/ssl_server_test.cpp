@@ -356,11 +356,9 @@ protected:
 
 TEST_F(missing_function, none_is_a_life_without_a_throw) {
     EXPECT_NO_THROW(live());
-    std::vector<std::string> called;
-    for (const std::string& call : fake_openssl::calls)
-        called.push_back(call.substr(0, call.find(' ')));
     for (const std::string& name : fake_openssl::names())
-        EXPECT_THAT(called, testing::Contains(name)) << "or its absence would prove nothing";
+        EXPECT_THAT(fake_openssl::calls, testing::Contains(testing::StartsWith(name)))
+            << "or its absence would prove nothing";
 }
 
 TEST_P(missing_function, throws_the_text_to_whoever_runs_the_server) {
