@@ -1,17 +1,18 @@
 // Writing responses: from whole answers to pieces that fit the send buffer.
 
+#include "vindra/core/ipv4_text.h"
 #include "vindra/http/deferred_result.h"
 #include "vindra/http/http_connection.h"
 
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <utility>
 
+#include <netinet/in.h>
 #include <sys/types.h>
 
 namespace {
@@ -159,16 +160,11 @@ std::string http_connection::info(bool with_agent) const {
 
 // The peer's address, or what a front end on this machine says of the peer behind it.
 std::string http_connection::peer_name_() const {
-    std::array<std::uint8_t, 4> bytes{};
-    std::memcpy(bytes.data(), &address, bytes.size());
-    if (bytes == std::array<std::uint8_t, 4>{127, 0, 0, 1}) {
+    if (address == htonl(INADDR_LOOPBACK)) {
         const std::string_view forwarded = find_header_("\r\nx-forwarded-for", headers);
         if (!forwarded.empty()) return std::string(forwarded);
     }
-
-    std::array<char, sizeof("255.255.255.255")> text{};
-    std::snprintf(text.data(), text.size(), "%d.%d.%d.%d", bytes[0], bytes[1], bytes[2], bytes[3]);
-    return text.data();
+    return ipv4_text(address);
 }
 
 http_connection::~http_connection() {
