@@ -67,17 +67,22 @@ std::string _import_probe(const std::string& name) {
     return import_file_name(cache, name);
 }
 
-import::import(const std::string& name) :handle(dlopen(_import_probe(name).c_str(), RTLD_LAZY)){
-    if (handle != nullptr){error = "Error! Missing export(s) in " + name + ":";
-return;
-}
-error = "Unable to load " + name;
-std::fputs((error + "\n").c_str(), stderr);
-std::fflush(stderr);
+// clang-format takes a line that begins with this class's name for a directive.
+// clang-format off
+import::import(const std::string& name) : handle(dlopen(_import_probe(name).c_str(), RTLD_LAZY)) {
+    if (handle != nullptr) {
+        error = "Error! Missing export(s) in " + name + ":";
+        return;
+    }
+    error = "Unable to load " + name;
+    std::fputs((error + "\n").c_str(), stderr);
+    std::fflush(stderr);
 }
 
-import::~import(){if (handle != nullptr) dlclose(handle);
+import::~import() {
+    if (handle != nullptr) dlclose(handle);
 }
+// clang-format on
 
 void* import::proc(const std::string& name, void* fallback) {
     // With a null handle the search covers what the program has loaded anyway.
