@@ -10,6 +10,8 @@ from selenium.webdriver.chrome.options import Options
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.support.ui import WebDriverWait
 
+from support.waiting import wait_until
+
 ASSETS = 50
 SWITCHES = [
     "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
@@ -46,6 +48,10 @@ def write_site(root):
     return names
 
 
+def pages_served(nginx):
+    return re.findall(r'"GET /(\S+) HTTP/1.1" 200 ', "\n".join(nginx.log()))
+
+
 @pytest.fixture
 def browser(tmp_path):
     """A headless Chromium with a profile of its own."""
@@ -78,8 +84,8 @@ def test_chromium_loads_a_page_of_fifty_assets(launch, nginx, browser):
     assert browser.title == "fifty"
     assert browser.execute_script(EFFECTS) == {
         "pictures": list(range(1, 21)), "sheets": list(range(1, 16)), "scripts": 120}
-    served = re.findall(r'"GET /(\S+) HTTP/1.1" 200 ', "\n".join(nginx.log()))
-    assert sorted(served) == sorted(["page.html", *names])
+    expected = sorted(["page.html", *names])
+    wait_until(lambda: sorted(pages_served(nginx)) == expected, "each file in the log, once")
     program.stop()
     for name in names:
         assert re.search(rb"(?m)^\[127\.0\.0\.1:%d\] 127\.0\.0\.1:\d+ GET /%s HTTP/1\.1 \[.+\]$"

@@ -36,12 +36,20 @@ def test_a_client_too_many_restarts_the_server_and_ends_every_connection(serve):
 
 def test_without_a_descriptor_for_the_backend_the_answer_is_502(serve, record):
     recorder = record()
-    program = serve({"app.local": recorder}, descriptors_max=DESCRIPTORS_MAX)
+    program = serve({"app.local": recorder, "bad.local": -5}, descriptors_max=DESCRIPTORS_MAX)
+    before = program.descriptors()
+    # A sanitizer opens a pipe when it checks an object's type where it has not done so before,
+    # so the way that the request will take is walked once while there are descriptors.
+    with program.connect() as client:
+        client.send(get("bad.local"))
+        assert client.read_to_end() == BAD_GATEWAY
+    program.await_descriptors(before)
     with clients_for_every_descriptor(program) as clients:
         clients[0].send(get("app.local"))
         assert clients[0].read_to_end() == BAD_GATEWAY
         line = log_line("app.local", clients[0].local_port, "GET / HTTP/1.1")
     # Resolving a name takes a descriptor too, so this is as far as some C libraries get.
+    program.await_descriptors(before)
     reasons = (line + b"getaddrinfo() failed for host localhost:%d!\n" % recorder.port,
                line + b"No addresses worked for host localhost:%d.\n" % recorder.port)
     wait_until(lambda: any(reason in program.output for reason in reasons), "the reason")
