@@ -6,12 +6,13 @@ import signal
 
 import pytest
 
+from support.authority import Authority
 from support.backends import FileServer, Nginx
 from support.ports import HeldPort, OccupiedPort
 from support.program import Program, program_path
 from support.recorder import Recorder
 
-TOOLS = ["nginx", "curl", "wrk", "chromium", "chromedriver"]
+TOOLS = ["nginx", "curl", "wrk", "chromium", "chromedriver", "openssl"]
 PHASE_LIMIT = 60
 
 
@@ -91,6 +92,35 @@ def serve(launch):
             words += ["-map", host, getattr(target, "port", target)]
         return launch(*words, **settings)
     return serve
+
+
+@pytest.fixture(scope="session")
+def authority(tmp_path_factory):
+    """An authority whose certificates the tests' clients trust."""
+    return Authority(tmp_path_factory.mktemp("authority"))
+
+
+@pytest.fixture(scope="session")
+def credentials(authority):
+    """A key and a certificate for localhost."""
+    return authority.issue("server", serial=1001)
+
+
+@pytest.fixture
+def serve_tls(launch, keep, credentials):
+    """Start the program with TLS: serve_tls({"app.local": backend}), with its `ssl_port`.
+
+    In a host, SSL stands for the HTTPS port. `http` says whether there is a plain port as well.
+    """
+    def serve_tls(hosts, http=True, made=credentials):
+        ssl_port = keep(HeldPort()).port
+        words = ["PORT" if http else "0", "-ssl", ssl_port, made.key, made.crt]
+        for host, target in hosts.items():
+            words += ["-map", host.replace("SSL", str(ssl_port)), getattr(target, "port", target)]
+        program = launch(*words)
+        program.ssl_port = ssl_port
+        return program
+    return serve_tls
 
 
 @pytest.fixture
