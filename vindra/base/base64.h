@@ -1,10 +1,12 @@
 #pragma once
 
+#include "vindra/base/export.h"
+
 #include <string>
 
 namespace base {
 
 /// Base64 text of `data` (RFC 4648, section 4): padded with "=", no line breaks.
-std::string base64(const std::string& data);
+VINDRA_API std::string base64(const std::string& data);
 
 } // namespace base

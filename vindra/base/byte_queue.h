@@ -1,5 +1,7 @@
 #pragma once
 
+#include "vindra/base/export.h"
+
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -12,7 +14,7 @@ namespace base {
 /// stays, and a drained queue holds no memory. Bytes lie in blocks of 64 KiB that all queues
 /// of the process share; when few are in use their pages go back to the kernel. One thread
 /// uses them.
-class byte_queue {
+class VINDRA_API byte_queue {
 public:
     byte_queue() = default;
     byte_queue(const byte_queue&) = delete;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "vindra/base/export.h"
+
 #include <string>
 
 namespace base {
@@ -11,6 +13,6 @@ namespace base {
 /// ASCII becomes `\x` and two digits, byte by byte, in a diagnosis, and `\u` and four digits
 /// (a surrogate pair above 0xFFFF) in JSON, where an invalid UTF-8 byte becomes `\uffff`.
 /// A zero byte gives `\0` in both, which JSON readers refuse.
-std::string escape(const std::string& text, bool json);
+VINDRA_API std::string escape(const std::string& text, bool json);
 
 } // namespace base

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "vindra/base/export.h"
+
 #include <cstddef>
 #include <string_view>
 
@@ -7,7 +9,7 @@ namespace base {
 
 /// Whether find() folds ASCII letters; true at the start. Process-wide, for the one thread
 /// that searches.
-bool& find_case_insensitive();
+VINDRA_API bool& find_case_insensitive();
 
 /// Position of the first match of `pattern` in `text` at or after `from`; -1 when there is
 /// none, and when `from` lies past the end.
@@ -19,6 +21,7 @@ bool& find_case_insensitive();
 ///
 /// Costs at most the product of the two lengths, however many wildcards there are, and about
 /// one memchr() a line for header look-ups, whose patterns begin with a line end.
-std::ptrdiff_t find(std::string_view text, std::string_view pattern, std::size_t from = 0);
+VINDRA_API std::ptrdiff_t find(std::string_view text, std::string_view pattern,
+                               std::size_t from = 0);
 
 } // namespace base

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "vindra/base/export.h"
+
 #include <string>
 
 namespace base {
@@ -9,6 +11,6 @@ namespace base {
 ///
 /// 3.0 gives 3, 1e20 its 21 digits, 1234567.5 gives 1.23457e+06. Infinities and NaN give
 /// what the C library prints for them.
-std::string num(double value);
+VINDRA_API std::string num(double value);
 
 } // namespace base

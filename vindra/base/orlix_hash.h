@@ -1,5 +1,7 @@
 #pragma once
 
+#include "vindra/base/export.h"
+
 #include <cstdint>
 
 namespace base {
@@ -11,6 +13,6 @@ namespace base {
 /// An empty key hashes as if that byte were its own.
 ///
 /// Not for untrusted keys in bulk: the function is fixed, so collisions can be computed.
-std::uint32_t orlix_hash(const char* data, unsigned length);
+VINDRA_API std::uint32_t orlix_hash(const char* data, unsigned length);
 
 } // namespace base

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "vindra/base/export.h"
+
 #include <string>
 
 namespace base {
@@ -12,6 +14,6 @@ namespace base {
 /// no valid sequence is encoded as the number 0xFFFFFFFF.
 ///
 /// Time grows with n log n, since labels come from strangers and have no length limit.
-std::string punycode(const std::string& text);
+VINDRA_API std::string punycode(const std::string& text);
 
 } // namespace base

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "vindra/base/export.h"
+
 #include <string>
 
 namespace base {
@@ -8,6 +10,6 @@ namespace base {
 ///
 /// For protocols that ask for it, such as the WebSocket handshake; not for secrets. The
 /// length is padded in as 32 bits, so the digest of 512 MiB and more is not the published one.
-std::string sha1(const std::string& data);
+VINDRA_API std::string sha1(const std::string& data);
 
 } // namespace base

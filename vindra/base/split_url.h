@@ -1,5 +1,7 @@
 #pragma once
 
+#include "vindra/base/export.h"
+
 #include <string>
 
 /// A URL cut into scheme, host, port and path, with a host that name resolution takes.
@@ -7,7 +9,7 @@
 /// A plain value. Splitting never fails: a malformed URL gives odd fields. There is no
 /// handling of user names, bracketed addresses, fragments or percent-escapes; the first ":" of
 /// what follows the scheme, up to the path, always separates host and port.
-class split_url {
+class VINDRA_API split_url {
 public:
     /// Splits `url`: absolute, beginning with "//" (taken as https), or a host and a port.
     explicit split_url(std::string const& url);

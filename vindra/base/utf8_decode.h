@@ -1,5 +1,7 @@
 #pragma once
 
+#include "vindra/base/export.h"
+
 namespace base {
 
 /// Code point of the UTF-8 sequence (RFC 3629) at `p`, a byte string that ends at a zero byte.
@@ -8,6 +10,6 @@ namespace base {
 /// (stray or missing continuation, overlong form, surrogate) gives -1 and counts as one byte,
 /// so that decoding can go on behind it. Four-byte sequences are good for everything that
 /// fits them, up to 0x1FFFFF. Never reads beyond the zero byte.
-int utf8_decode(const char* p, int* length);
+VINDRA_API int utf8_decode(const char* p, int* length);
 
 } // namespace base

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "vindra/base/arraylist.h"
+#include "vindra/base/export.h"
 #include "vindra/base/hashmap.h"
 
 #include <cstdint>
@@ -14,7 +15,7 @@
 /// that contains itself is never freed: break the cycle before letting it go.
 ///
 /// Access out of range gives null, never an error. Counts are plain integers: one thread.
-class var {
+class VINDRA_API var {
 public:
     /// Shared part of a string, array or object. Does not know its own kind: handles do.
     struct var_data {

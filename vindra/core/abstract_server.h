@@ -1,10 +1,12 @@
 #pragma once
 
+#include "vindra/base/export.h"
+
 /// What a main loop drives: something that is started once and updated after every wait.
 ///
 /// Destructors may throw (a std::string that says which function of the TLS library is
 /// missing), so that the handler around the servers' scope can print it.
-class abstract_server {
+class VINDRA_API abstract_server {
 public:
     abstract_server() = default;
     abstract_server(const abstract_server&) = delete;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "vindra/base/export.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -14,7 +16,7 @@ class abstract_server;
 ///
 /// Make connections with `new`: their storage comes from a pool, is a little over 1 MiB and
 /// is all zero before the constructor runs, so a field without an initialiser reads zero.
-class connection {
+class VINDRA_API connection {
 public:
     /// Bytes of `send_buffer`: the most that one on_send() can hand over.
     static constexpr int send_buffer_size = 1048576;
@@ -46,7 +48,7 @@ public:
     /// The connection that a server is handling at this moment; null outside an update.
     static connection*& selected();
 
-    /// Zeroed storage from the pool of connection slots, and its return. See connection_pool.h.
+    /// Zeroed storage from the pool of connection slots, and its return.
     static void* operator new(std::size_t size);
     static void operator delete(void* storage, std::size_t size);
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "vindra/base/export.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -12,7 +14,7 @@ class registry;
 ///
 /// A plain bit set to look at; the one that sockets::all() hands out also tells the registry
 /// what to watch. Negative numbers are never members and harmless everywhere.
-class descriptor_set {
+class VINDRA_API descriptor_set {
 public:
     descriptor_set() = default;
     descriptor_set(const descriptor_set&) = delete;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "vindra/base/export.h"
 #include "vindra/base/linkedlist.h"
 #include "vindra/core/abstract_server.h"
 #include "vindra/core/connection.h"
@@ -21,7 +22,7 @@
 ///
 /// Hooks run inside update() and stop(). They may add connections to the list (those are
 /// visited in the same pass if it has not ended) and must not take any out.
-class server_base : public abstract_server {
+class VINDRA_API server_base : public abstract_server {
 public:
     /// Bytes of the buffer that received blocks are handed over in.
     static constexpr int receive_buffer_size = 1048576;

@@ -1,10 +1,11 @@
 #pragma once
 
+#include "vindra/base/export.h"
 #include "vindra/core/descriptor_set.h"
 
 /// Writes to a peer that is gone fail with EPIPE instead of ending the process. Called once,
 /// before main() runs. Returns true.
-bool ignore_sigpipe();
+VINDRA_API bool ignore_sigpipe();
 
 /// Every socket of the process, and the one wait on all of them.
 ///
@@ -13,47 +14,47 @@ namespace sockets {
 
 /// Every descriptor that the process watches. Set a socket when it is open, and leave it to
 /// close() to take it out.
-descriptor_set* all();
+VINDRA_API descriptor_set* all();
 
 /// Orders for the coming wait alone: descriptors that want to write, in all() or not. Empty
 /// after every wait, so whoever still has something to write marks itself again.
-descriptor_set* ready();
+VINDRA_API descriptor_set* ready();
 
 /// Result of the last wait: members of all() with bytes, an end of stream, a hang-up or an
 /// error to be read.
-descriptor_set* readable();
+VINDRA_API descriptor_set* readable();
 
 /// Result of the last wait: members of ready() that take bytes, or whose error shows so.
-descriptor_set* writable();
+VINDRA_API descriptor_set* writable();
 
 /// Result of the last wait: members of all() with urgent data.
-descriptor_set* errors();
+VINDRA_API descriptor_set* errors();
 
 /// Bits that the last wait set in its three results together; 0 when it timed out, negative
 /// when it failed, and then errno is the wait's own until every server has been updated.
-int& num_ready();
+VINDRA_API int& num_ready();
 
 /// Waits until something is ready, 100 ms at most, after writing out what stands in the
 /// buffer of standard output.
 ///
 /// A wait cut short by a signal says nothing. Any other failure prints
 /// "select() failed! %d\n" with errno.
-void select_all();
+VINDRA_API void select_all();
 
 /// Closes `fd` and takes its number out of all five sets.
 ///
 /// The one way to close a descriptor that stands in a set: the kernel hands the same number
 /// out again at once, and its new owner must not inherit what was found out about the old.
 /// -1 is harmless.
-void close(int fd);
+VINDRA_API void close(int fd);
 
 /// A hint: a read from `fd` has just met EAGAIN, so there is nothing more until the kernel has
 /// news of it. Saves asking again at the next wait. Never give it after another error: the
 /// end of a refused connection shows only in a second read, of which there is no news.
-void drained(int fd);
+VINDRA_API void drained(int fd);
 
 /// The same for writing: a write to `fd` has just met EAGAIN.
-void filled(int fd);
+VINDRA_API void filled(int fd);
 
 /// Opens a non-blocking IPv4 socket that listens on `port` of all adapters, or of 127.0.0.1
 /// alone, and stores it in `fd`; the caller sets it in all() and closes it with close().
@@ -61,6 +62,6 @@ void filled(int fd);
 /// Prints where it binds to and, on failure, why; then `fd` is -1 (or untouched, when the
 /// address could not be resolved) and the result false. Several processes of one user may
 /// listen on one port: the kernel spreads the clients among them.
-bool listen(int& fd, bool localhost_only, int port);
+VINDRA_API bool listen(int& fd, bool localhost_only, int port);
 
 } // namespace sockets

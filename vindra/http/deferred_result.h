@@ -1,5 +1,6 @@
 #pragma once
 
+#include "vindra/base/export.h"
 #include "vindra/base/var.h"
 
 #include <atomic>
@@ -14,7 +15,7 @@
 ///
 /// A `var` counts its holders without a lock: hand over an `output` that shares nothing with
 /// values that the worker keeps.
-class deferred_result {
+class VINDRA_API deferred_result {
 public:
     deferred_result() = default;
     deferred_result(const deferred_result&) = delete;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "vindra/base/arraylist.h"
+#include "vindra/base/export.h"
 #include "vindra/base/hashmap.h"
 #include "vindra/base/linkedlist.h"
 #include "vindra/core/connection.h"
@@ -28,7 +29,7 @@ class deferred_result;
 /// Pipelining is not supported: what arrives together with a request counts as its body. Nor
 /// is a malformed request ever answered with an error; the hooks see what was understood. The
 /// fields are plain data, which hooks may read and change.
-class http_connection : public connection {
+class VINDRA_API http_connection : public connection {
 public:
     /// One piece of output in the queue: ready text, a file, or a result still in the making.
     ///

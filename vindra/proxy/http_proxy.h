@@ -1,5 +1,6 @@
 #pragma once
 
+#include "vindra/base/export.h"
 #include "vindra/http/http_connection.h"
 #include "vindra/proxy/proxy_pipe.h"
 
@@ -17,7 +18,7 @@ class server_base;
 /// A client connection has at most one backend at a time. While one is attached neither side
 /// is timed out, and when it ends the client ends too, once all that it brought is delivered:
 /// that is what delimits an answer without a length.
-class http_proxy : public http_connection {
+class VINDRA_API http_proxy : public http_connection {
 public:
     http_proxy();
     ~http_proxy() override;

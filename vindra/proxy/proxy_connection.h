@@ -1,5 +1,6 @@
 #pragma once
 
+#include "vindra/base/export.h"
 #include "vindra/core/connection.h"
 #include "vindra/proxy/proxy_pipe.h"
 
@@ -9,7 +10,7 @@
 /// Made by http_proxy for a socket that is still connecting, owned by the server named by
 /// http_proxy::g_server(), never timed out. Ends when the backend closes or fails, or once
 /// the client is gone and all that it had sent is written.
-class proxy_connection : public connection {
+class VINDRA_API proxy_connection : public connection {
 public:
     /// Takes a share of `shared`, which its destructor releases. The server closes `socket`.
     proxy_connection(int socket, proxy_pipe* shared);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "vindra/base/byte_queue.h"
+#include "vindra/base/export.h"
 
 /// The two byte queues between a client connection and its backend connection, shared by
 /// both and counted.
@@ -9,7 +10,7 @@
 /// end that it is alone. A backend connection makes and frees one such object; the one that
 /// is embedded in every client connection starts with a share that nobody gives up, and so
 /// is never freed here.
-struct proxy_pipe {
+struct VINDRA_API proxy_pipe {
     proxy_pipe() = default;
     explicit proxy_pipe(int holders) : refs(holders) {}
     proxy_pipe(const proxy_pipe&) = delete;

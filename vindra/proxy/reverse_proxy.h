@@ -1,11 +1,12 @@
 #pragma once
 
+#include "vindra/base/export.h"
 #include "vindra/base/hashmap.h"
 #include "vindra/proxy/http_proxy.h"
 
 /// A client connection whose requests go to a port of this machine chosen by the exact value
 /// of their Host header: the application's connection.
-class reverse_proxy : public http_proxy {
+class VINDRA_API reverse_proxy : public http_proxy {
 public:
     /// The port that stands for the built-in echo handler.
     static constexpr int echo_port = -1;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "vindra/base/export.h"
+
 #include <string>
 
 /// Appends the printable runs of the file at `path` to `out`, each on a line of its own.
@@ -8,18 +10,18 @@
 /// of the file is dropped. Meant for the loader's cache, whose old and new layouts both hold
 /// their paths as text, so that neither layout has to be known here. Returns 1, or 0 when the
 /// file cannot be opened.
-int get_strings(const std::string& path, std::string& out);
+VINDRA_API int get_strings(const std::string& path, std::string& out);
 
 /// The file name that the lines of `cache` give for the library `name`: what stands between the
 /// first "/" followed by `name` and the end of that line, a version suffix included. `name`
 /// itself when no line has it.
-std::string import_file_name(const std::string& cache, const std::string& name);
+VINDRA_API std::string import_file_name(const std::string& cache, const std::string& name);
 
 /// The file name to hand to dlopen() for the library `name`, looked up in the loader's cache.
 ///
 /// The cache is read on the first call and kept for the life of the process. When there is
 /// none, says so on standard error and gives `name` back.
-std::string _import_probe(const std::string& name);
+VINDRA_API std::string _import_probe(const std::string& name);
 
 /// A library opened at run time, and the account of what it lacks.
 ///
@@ -28,7 +30,7 @@ std::string _import_probe(const std::string& name);
 ///
 /// `import` is also a directive of the language where it begins a line and a name follows:
 /// write `class import x`, never `import x`.
-class import {
+class VINDRA_API import {
 public:
     /// Opens the library `name` under the file name that _import_probe() gives for it. A failure
     /// is told on standard error, and proc() then searches the program itself.

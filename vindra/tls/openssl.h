@@ -37,6 +37,9 @@ struct x509_store_ctx_st;
 /// client, verification and memory functions are there for applications.
 namespace openssl {
 
+// As VINDRA_API on each of them.
+#pragma GCC visibility push(default)
+
 /// The library. Its `error` is the text that a call of a missing function throws.
 extern class import _import;
 
@@ -95,6 +98,8 @@ extern int (*PEM_write_bio_X509)(bio_st* bio, const x509_st* certificate);
 extern long (*BIO_ctrl)(bio_st* bio, int command, long number, void* pointer);
 extern int (*BIO_free)(bio_st* bio);
 extern void (*X509_free)(x509_st* certificate);
+
+#pragma GCC visibility pop
 
 } // namespace openssl
 
