@@ -23,6 +23,7 @@ quietly() {
 # have PACKAGE: whether what the package is wanted for is there, wherever it came from.
 have() {
     case $1 in
+        abigail-tools) command -v abidw ;;
         ninja-build) command -v ninja ;;
         nginx-light) command -v nginx ;;
         chromium-driver) command -v chromedriver ;;

@@ -1,0 +1,169 @@
+"""Programs outside the tree that use the library as its users do, each answering a request."""
+
+import contextlib
+import json
+import os
+import pathlib
+import re
+import shlex
+import signal
+import subprocess
+
+import pytest
+
+from support.curl import curl, url
+from support.ports import HeldPort
+from support.program import ROOT, build_folder
+from support.waiting import PATIENCE, wait_until
+
+HERE = pathlib.Path(__file__).resolve().parent
+COMPILER = os.environ.get("CXX", "g++")
+BUILD_SECONDS = 240
+
+
+def succeed(*command, **settings):
+    """Run a command to its end, show what it printed if it fails, and return its output."""
+    done = subprocess.run([*map(str, command)], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, text=True, timeout=BUILD_SECONDS, **settings)
+    assert done.returncode == 0, done.stdout
+    return done.stdout
+
+
+def configure(source, build, *settings):
+    succeed("cmake", "-S", source, "-B", build, "-G", "Ninja", f"-DCMAKE_CXX_COMPILER={COMPILER}",
+            "-DCMAKE_CXX_FLAGS=-Wall -Wextra -Werror", *settings)
+
+
+def built(source, build, *settings):
+    """The build folder of a consumer that configures and builds."""
+    configure(source, build, *settings)
+    succeed("cmake", "--build", build)
+    return build
+
+
+@contextlib.contextmanager
+def running(program, *ports, **environment):
+    """Run a consumer until the block is left: an interrupt has to end it in order."""
+    with subprocess.Popen([program, *map(str, ports)], stdin=subprocess.DEVNULL,
+                          stdout=subprocess.PIPE, env={**os.environ, **environment}) as process:
+        try:
+            # It listens when its first turn has counted its connections.
+            wait_until(lambda: b"0 connections" in process.stdout.readline(), "the first turn")
+            yield
+            process.send_signal(signal.SIGINT)
+            assert process.wait(PATIENCE) == 0
+        finally:
+            process.kill()
+
+
+@pytest.fixture(scope="module")
+def prefix(tmp_path_factory):
+    """A folder that the build under test is installed in."""
+    folder = tmp_path_factory.mktemp("prefix")
+    succeed("cmake", "--install", build_folder(), "--prefix", folder)
+    return folder
+
+
+@pytest.fixture(scope="module")
+def libraries(prefix):
+    return next(prefix.rglob("libvindra.so")).parent
+
+
+@pytest.fixture(scope="module")
+def found(prefix, tmp_path_factory):
+    """The build folder of the consumer that finds the package."""
+    return built(HERE / "find_package", tmp_path_factory.mktemp("found"),
+                 f"-DCMAKE_PREFIX_PATH={prefix}", f"-DVINDRA_INCLUDE={prefix / 'include'}",
+                 "-DCMAKE_BUILD_TYPE=Release")
+
+
+@pytest.fixture
+def port():
+    with contextlib.closing(HeldPort()) as held:
+        yield held.port
+
+
+
+
+
+@pytest.mark.parametrize("program", ["with_static", "with_shared"])
+def test_find_package_gives_a_library_that_was_started_before_main(found, port, program):
+    with running(found / program, port):
+        assert curl(url(port)) == b"SIGPIPE ignored, TLS bound, GET\n"
+
+
+def test_find_package_hands_over_the_flags_that_the_headers_need(found):
+    commands = json.loads((found / "compile_commands.json").read_text())
+    assert commands
+    for entry in commands:
+        flags = entry["command"].split()
+        assert {"-std=c++20", "-std=gnu++20"} & set(flags)
+        assert ("-fno-lifetime-dse" in flags) == ("clang" not in COMPILER)
+
+
+def test_a_program_names_the_shared_library_without_its_minor_version(found):
+    needed = succeed("readelf", "-d", found / "with_shared")
+    assert "[libvindra.so.0]" in needed
+    assert "libvindra" not in succeed("readelf", "-d", found / "with_static")
+
+
+def test_add_subdirectory_builds_the_library_alone(tmp_path, port):
+    build = built(HERE / "add_subdirectory", tmp_path, f"-DVINDRA_SOURCE={ROOT}")
+    assert not [*build.rglob("libvindra.so*")]
+    assert not (build / "vindra" / "vindra" / "vindra").exists()
+    with contextlib.closing(HeldPort()) as back:
+        with running(build / "consumer", port, back.port):
+            target = f"http://127.0.0.1:{back.port}/it"
+            assert curl("--proxy", url(port), "--noproxy", "", target) == b"relayed /it\n"
+
+
+def test_fetch_content_takes_the_same_targets(tmp_path):
+    configure(HERE / "add_subdirectory", tmp_path, f"-DVINDRA_SOURCE={ROOT}", "-DFETCH=ON")
+
+
+def sample(page):
+    """The first C++ sample of a page."""
+    text = (ROOT / page).read_text()
+    return re.search(r"^```cpp\n(.*?)^```$", text, re.MULTILINE | re.DOTALL).group(1)
+
+
+def test_the_sample_of_the_readme_builds_with_pkg_config_and_answers(prefix, libraries, tmp_path,
+                                                                     port):
+    package = libraries / "pkgconfig" / "vindra.pc"
+    without_gcc = ["--define-variable=gcc_flags="] if "clang" in COMPILER else []
+    flags = shlex.split(succeed("pkg-config", *without_gcc, "--cflags", "--libs", package))
+    source = tmp_path / "sample.cpp"
+    source.write_text(sample("README.md").replace("8080", str(port)))
+    succeed(COMPILER, "-Wall", "-Wextra", "-Werror", source, "-o", tmp_path / "sample", *flags)
+    with running(tmp_path / "sample", LD_LIBRARY_PATH=str(libraries)):
+        assert curl(url(port, "/you")) == b"Hello, /you\n"
+
+
+def test_the_sample_of_the_readme_is_short_and_the_guide_shows_the_same():
+    text = sample("README.md")
+    assert text.count("\n") <= 15
+    assert text == sample("docs/first_server.md")
+
+
+def test_pkg_config_adds_the_loader_for_a_static_link(libraries):
+    package = libraries / "pkgconfig" / "vindra.pc"
+    assert "-ldl" in succeed("pkg-config", "--static", "--libs", package).split()
+
+
+def test_private_headers_stay_at_home(prefix):
+    installed = {path.name for path in (prefix / "include").rglob("*.h")}
+    assert "https.h" in installed or not (ROOT / "vindra/core/https.h").exists()
+    assert not installed & {"registry.h", "connection_pool.h"}
+
+
+def test_the_shared_library_offers_all_that_public_headers_declare(prefix, libraries):
+    """What is hidden in it belongs to the private headers: anything else lacks its mark."""
+    hidden = set()
+    for line in succeed("readelf", "-sW", libraries / "libvindra.a").splitlines():
+        fields = line.split()
+        if len(fields) == 8 and fields[4:6] == ["GLOBAL", "HIDDEN"] and fields[6] != "UND":
+            hidden.add(fields[7])
+    names = succeed("c++filt", *hidden).splitlines()
+    private = ("sockets::registry::", "connection_pool::")
+    assert names
+    assert [name for name in names if not name.startswith(private)] == []
