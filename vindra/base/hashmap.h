@@ -28,11 +28,13 @@ public:
 
     /// One place of the table; free exactly when `key` is null.
     struct slot {
+        /// Hash of `*key`, and that key, which the map owns, and what it is mapped to.
         std::uint32_t hash;
         std::string* key;
         T value;
     };
 
+    /// An empty map, which allocates nothing before its first key.
     explicit hashmap(hash_function* function = orlix_hash) : hash(function) {}
     hashmap(const hashmap&) = delete;
     hashmap& operator=(const hashmap&) = delete;

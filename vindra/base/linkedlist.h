@@ -23,11 +23,13 @@ class linkedlist {
 public:
     /// One element. Owns the node behind it, and with it the rest of the chain.
     struct node {
+        /// The last node of a chain, with `v` in it.
         explicit node(T v) : value(v) {}
         node(const node&) = delete;
         node& operator=(const node&) = delete;
         ~node();
 
+        /// The element, and the node behind it; null in the last one.
         T value;
         node* next = nullptr;
     };

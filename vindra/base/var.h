@@ -19,6 +19,7 @@ class VINDRA_API var {
 public:
     /// Shared part of a string, array or object. Does not know its own kind: handles do.
     struct var_data {
+        /// A body without a handle, which owns `payload` from now on.
         explicit var_data(void* payload) : data(payload) {}
         var_data(const var_data&) = delete;
         var_data& operator=(const var_data&) = delete;
@@ -45,6 +46,7 @@ public:
     /// Null.
     var() = default;
 
+    /// A number, or a boolean.
     var(double number);
     var(int number);
     var(bool boolean);
@@ -62,6 +64,7 @@ public:
     static var array();
     static var object();
 
+    /// A further handle of the body of `other`. Assignment lets go of the body in hand.
     var(const var& other) { ref(other); }
     var& operator=(const var& other);
     ~var() { unref(); }

@@ -11,6 +11,7 @@
 /// is embedded in every client connection starts with a share that nobody gives up, and so
 /// is never freed here.
 struct VINDRA_API proxy_pipe {
+    /// An empty pipe with that many shares; one, unless told otherwise.
     proxy_pipe() = default;
     explicit proxy_pipe(int holders) : refs(holders) {}
     proxy_pipe(const proxy_pipe&) = delete;

@@ -15,6 +15,7 @@ struct VINDRA_API file_info {
     /// Looks `path` up as it is; a symbolic link counts as what it points at.
     explicit file_info(const std::string& path);
 
+    /// There is something at the path, and it is a folder.
     bool exists = false;
     bool is_directory = false;
 

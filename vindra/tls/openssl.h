@@ -69,6 +69,7 @@ extern const ssl_method_st* (*SSLv23_client_method)();
 extern const ssl_method_st* (*TLS_server_method)();
 extern const ssl_method_st* (*TLS_client_method)();
 
+/// Its end, and the files of its key and its certificate.
 extern void (*SSL_CTX_free)(ssl_ctx_st* ctx);
 extern int (*SSL_CTX_use_PrivateKey_file)(ssl_ctx_st* ctx, const char* file, int type);
 extern int (*SSL_CTX_use_certificate_file)(ssl_ctx_st* ctx, const char* file, int type);
