@@ -36,12 +36,15 @@ def run(*arguments, expected_status=0):
 
 
 class Program:
-    """The running program. Everything that it prints is kept as it was printed."""
+    """The running program. Everything that it prints is kept as it was printed.
 
-    def __init__(self, *arguments, port=None, descriptors_max=None):
+    `wrapper` is a command that becomes the one behind it, with the same process number.
+    """
+
+    def __init__(self, *arguments, port=None, descriptors_max=None, wrapper=()):
         self.port = port
         self._errors = tempfile.TemporaryFile()
-        self._process = subprocess.Popen([program_path(), *map(str, arguments)],
+        self._process = subprocess.Popen([*wrapper, program_path(), *map(str, arguments)],
                                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                          stderr=self._errors)
         if descriptors_max:
