@@ -113,7 +113,7 @@ int begin_connecting(const addrinfo& where) {
     if (fd == -1) return -1;
     const int on = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    connect(fd, where.ai_addr, where.ai_addrlen);
+    static_cast<void>(connect(fd, where.ai_addr, where.ai_addrlen));
     return fd;
 }
 
