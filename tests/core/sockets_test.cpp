@@ -11,6 +11,7 @@
 #include <functional>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <fcntl.h>
@@ -208,6 +209,48 @@ TEST(sockets, news_between_the_read_and_the_hint_is_not_lost) {
     sockets::drained(p.near);
     sockets::select_all();
     EXPECT_TRUE(sockets::readable()->test(p.near));
+}
+
+TEST(sockets, the_bell_is_one_watched_descriptor_of_the_process) {
+    EXPECT_EQ(sockets::bell(), sockets::bell());
+    EXPECT_TRUE(sockets::all()->test(sockets::bell()));
+    EXPECT_EQ(fcntl(sockets::bell(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+}
+
+TEST(sockets, the_bell_ends_the_wait_in_progress) {
+    const int bell = sockets::bell();
+    std::thread other([bell] { eventfd_write(bell, sockets::bell_ring); });
+    for (int waits = 0; !sockets::readable()->test(bell); ++waits) {
+        ASSERT_LT(waits, 100) << "never heard";
+        sockets::select_all();
+    }
+    other.join();
+    EXPECT_EQ(sockets::num_ready(), 1);
+    sockets::select_all();
+    sockets::select_all();
+}
+
+TEST(sockets, each_ring_of_the_bell_ends_two_waits) {
+    const int bell = sockets::bell();
+    const struct {
+        const char* name;
+        std::vector<int> rings; // before each wait
+        std::vector<bool> heard;
+    } cases[] = {
+        {"silence", {0, 0}, {false, false}},
+        {"one", {1, 0, 0, 0}, {true, true, false, false}},
+        {"many at once", {5, 0, 0}, {true, true, false}},
+        {"one behind the other", {1, 1, 0, 0}, {true, true, true, false}},
+        {"one behind the echo", {1, 0, 1, 0, 0}, {true, true, true, true, false}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        for (std::size_t i = 0; i < c.rings.size(); ++i) {
+            for (int n = 0; n < c.rings[i]; ++n) eventfd_write(bell, sockets::bell_ring);
+            sockets::select_all();
+            EXPECT_EQ(sockets::readable()->test(bell), c.heard[i]) << "wait " << i;
+        }
+    }
 }
 
 TEST(sockets, the_hint_filled_waits_for_room_and_misses_none) {

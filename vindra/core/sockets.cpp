@@ -12,6 +12,7 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -59,13 +60,37 @@ namespace {
 // Idle work and time-outs come round this often without traffic.
 constexpr int wait_milliseconds = 100;
 
+// The descriptor that bell() gave out; never closed, so that a thread may ring to the very end.
+int bell_fd = -1;
+
+// Every ring is heard by two waits: the first to hear it leaves an echo to the second.
+void hear_bell() {
+    constexpr eventfd_t echo = 1;
+    if (!readable()->test(bell_fd)) return;
+    eventfd_t heard = 0;
+    if (eventfd_read(bell_fd, &heard) == 0 && heard > echo) {
+        eventfd_write(bell_fd, echo);
+    } else {
+        drained(bell_fd);
+    }
+}
+
 } // namespace
+
+int bell() {
+    if (bell_fd < 0) {
+        bell_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+        all()->set(bell_fd);
+    }
+    return bell_fd;
+}
 
 void select_all() {
     // Lines are written once a turn, and none waits while the process sleeps.
     std::fflush(stdout);
 
-    if (registry::instance().wait(wait_milliseconds) || errno == EINTR) return;
+    if (registry::instance().wait(wait_milliseconds)) return hear_bell();
+    if (errno == EINTR) return;
 
     const int error = errno;
     std::printf("select() failed! %d\n", error);

@@ -9,7 +9,8 @@ VINDRA_API bool ignore_sigpipe();
 
 /// Every socket of the process, and the one wait on all of them.
 ///
-/// The sets live from their first use to the end of the process. One thread uses them.
+/// The sets live from their first use to the end of the process. One thread uses them; others
+/// can wake it through bell().
 namespace sockets {
 
 /// Every descriptor that the process watches. Set a socket when it is open, and leave it to
@@ -47,6 +48,18 @@ VINDRA_API void select_all();
 /// out again at once, and its new owner must not inherit what was found out about the old.
 /// -1 is harmless.
 VINDRA_API void close(int fd);
+
+/// A descriptor to wake the wait by: an eventfd in all(), made at the first call and kept to the
+/// end of the process. -1 where there is none to be had.
+///
+/// Other threads get its number from the loop's and write `bell_ring` to it once what they have
+/// done can be seen, in one call (eventfd_write()). The wait in progress, or the next one, then
+/// ends at once, and so does the one behind it: a walk over the connections may pass one over
+/// and looks at it in the next turn. select_all() empties it: read it nowhere else.
+int bell();
+
+/// What is written to bell(). Smaller values ring once only.
+constexpr unsigned bell_ring = 2;
 
 /// A hint: a read from `fd` has just met EAGAIN, so there is nothing more until the kernel has
 /// news of it. Saves asking again at the next wait. Never give it after another error: the
