@@ -177,6 +177,23 @@ TEST_F(channels, carry_one_message_to_every_member) {
     EXPECT_EQ(drain(*outside).bytes(), "");
 }
 
+TEST_F(channels, deliver_what_was_published_before_a_member_left) {
+    const auto stays = upgraded_connection();
+    const auto leaves = upgraded_connection();
+    auto ends = upgraded_connection();
+    for (auto* conn : {ends.get(), leaves.get(), stays.get()}) conn->subscribe("c");
+    http_connection::publish("c", "1", 1);
+    leaves->unsubscribe("c");
+    ends.reset();
+    http_connection::publish("c", "2", 1);
+    EXPECT_EQ(drain(*leaves).bytes(), "\x81\x01"
+                                      "1");
+    EXPECT_EQ(drain(*stays).bytes(), "\x81\x01"
+                                     "1\x81\x01"
+                                     "2");
+    EXPECT_EQ(members_of("c"), members{stays.get()});
+}
+
 TEST_F(channels, do_nothing_for_a_name_that_nobody_joined) {
     captured_output output;
     http_connection::publish("nobody", "hello", 1);
