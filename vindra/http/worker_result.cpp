@@ -1,0 +1,92 @@
+#include "vindra/http/worker_result.h"
+
+#include "vindra/core/sockets.h"
+#include "vindra/http/http_connection.h"
+
+#include <atomic>
+#include <cstdio>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include <sys/eventfd.h>
+
+struct worker_result::link_ {
+    /// Held for a few instructions by either side, never while the function runs.
+    std::mutex mutex;
+
+    /// Null once the result is gone.
+    worker_result* result;
+};
+
+worker_result::worker_result(std::function<var()> compute) : thread_(std::make_shared<link_>()) {
+    thread_->result = this;
+    try {
+        std::thread(run_, std::move(compute), thread_, sockets::bell()).detach();
+    } catch (const std::system_error&) {
+        std::puts("Warning! No thread to compute a result on.");
+        done.store(true, std::memory_order_release);
+    }
+}
+
+worker_result::~worker_result() {
+    const std::lock_guard<std::mutex> lock(thread_->mutex);
+    thread_->result = nullptr;
+}
+
+// The body of the thread. Lets the function go first: what it returned may share something with
+// what it holds.
+void worker_result::run_(std::function<var()> compute, const std::shared_ptr<link_>& link,
+                         int bell) {
+    var computed;
+    try {
+        computed = compute();
+    } catch (...) {
+        // Whatever it was, the answer is null: there is nobody here to tell.
+    }
+    compute = nullptr;
+    if (hand_over_(computed, *link)) eventfd_write(bell, sockets::bell_ring);
+}
+
+// False where the result is gone. Leaves `computed` null: two handles of one body must not be
+// let go on two threads.
+bool worker_result::hand_over_(var& computed, link_& link) {
+    const std::lock_guard<std::mutex> lock(link.mutex);
+    if (link.result == nullptr) return false;
+    link.result->output = computed;
+    computed.unref();
+    link.result->done.store(true, std::memory_order_release);
+    return true;
+}
+
+namespace {
+
+// The time-out to restore behind everything that is queued. While a result waits it stands in
+// the last one's part, from where it moves to the new last one.
+int take_restore_timeout(http_connection& conn) {
+    int timeout = std::exchange(conn.timeout, -1);
+    for (auto* node = conn.parts.head->next; node != nullptr; node = node->next) {
+        http_connection::response_part* const part = node->value;
+        if (part != nullptr && part->result != nullptr) {
+            timeout = std::exchange(part->restore_timeout, -1);
+        }
+    }
+    return timeout;
+}
+
+} // namespace
+
+bool answer_later(http_connection& conn, std::string head, std::function<var()> compute) {
+    if (conn.written || conn.version == "HTTP/1.0") return false;
+
+    head += "Transfer-Encoding: chunked\r\n";
+    conn.write(std::move(head), "");
+    if (conn.method == "HEAD") return true;
+
+    auto* const part = new http_connection::response_part;
+    part->restore_timeout = take_restore_timeout(conn);
+    part->result = new worker_result(std::move(compute));
+    conn.parts.add(part);
+    return true;
+}
