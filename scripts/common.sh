@@ -31,6 +31,7 @@ have() {
         python3-pytest) /usr/bin/python3 -c 'import pytest' ;;
         python3-pytest-timeout) /usr/bin/python3 -c 'import pytest_timeout' ;;
         python3-selenium) /usr/bin/python3 -c 'import selenium' ;;
+        python3-websockets) /usr/bin/python3 -c 'import websockets' ;;
         lib*-dev) dpkg-query -W -f '${db:Status-Status}\n' "$1" | grep -Fx installed ;;
         *) command -v "$1" ;;
     esac >/dev/null 2>&1

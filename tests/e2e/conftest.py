@@ -8,8 +8,9 @@ import pytest
 
 from support.authority import Authority
 from support.backends import FileServer, Nginx
+from support.browser import start_browser
 from support.ports import HeldPort, OccupiedPort
-from support.program import Program, program_path
+from support.program import Program, example_path, program_path
 from support.recorder import Recorder
 
 TOOLS = ["nginx", "curl", "wrk", "chromium", "chromedriver", "openssl"]
@@ -20,8 +21,9 @@ def pytest_configure():
     missing = [tool for tool in TOOLS if not shutil.which(tool)]
     if missing:
         raise pytest.UsageError("not installed: " + ", ".join(missing))
-    if not program_path().exists():
-        raise pytest.UsageError(f"build the program first: there is no {program_path()}")
+    for program in [program_path(), example_path("chat")]:
+        if not program.exists():
+            raise pytest.UsageError(f"build the program first: there is no {program}")
 
 
 @contextlib.contextmanager
@@ -124,6 +126,14 @@ def serve_tls(launch, keep, credentials):
 
 
 @pytest.fixture
+def example(launch):
+    """Start an example with a free port as its first argument: example("files", folder)."""
+    def example(name, *arguments, build=None, **settings):
+        return launch("PORT", *arguments, path=example_path(name, build), **settings)
+    return example
+
+
+@pytest.fixture
 def record(keep):
     """Start a recording backend, with a script or to be driven by the test."""
     return lambda script=None: keep(Recorder(script))
@@ -136,6 +146,23 @@ def nginx(keep, tmp_path):
     home.mkdir()
     root.mkdir()
     return keep(Nginx(home, root))
+
+
+@pytest.fixture
+def tls_nginx(keep, tmp_path, credentials):
+    """An nginx that serves the same files on `port` and, under TLS, on `tls_port`."""
+    home, root = tmp_path / "nginx", tmp_path / "root"
+    home.mkdir()
+    root.mkdir()
+    return keep(Nginx(home, root, credentials))
+
+
+@pytest.fixture
+def browser(tmp_path):
+    """A headless Chromium with a profile of its own."""
+    driver = start_browser(tmp_path / "profile")
+    yield driver
+    driver.quit()
 
 
 @pytest.fixture

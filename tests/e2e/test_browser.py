@@ -5,19 +5,11 @@ import struct
 import zlib
 
 import pytest
-from selenium import webdriver
-from selenium.webdriver.chrome.options import Options
-from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.support.ui import WebDriverWait
 
 from support.waiting import wait_until
 
 ASSETS = 50
-SWITCHES = [
-    "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
-    "--disable-background-networking", "--disable-component-update", "--disable-sync",
-    "--disable-dev-shm-usage", "--no-proxy-server",
-]
 
 
 def png(width):
@@ -50,18 +42,6 @@ def write_site(root):
 
 def pages_served(nginx):
     return re.findall(r'"GET /(\S+) HTTP/1.1" 200 ', "\n".join(nginx.log()))
-
-
-@pytest.fixture
-def browser(tmp_path):
-    """A headless Chromium with a profile of its own."""
-    options = Options()
-    for switch in [*SWITCHES, f"--user-data-dir={tmp_path}/profile"]:
-        options.add_argument(switch)
-    driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
-    driver.set_page_load_timeout(40)
-    yield driver
-    driver.quit()
 
 
 EFFECTS = """

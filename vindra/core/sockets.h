@@ -56,7 +56,7 @@ VINDRA_API void close(int fd);
 /// done can be seen, in one call (eventfd_write()). The wait in progress, or the next one, then
 /// ends at once, and so does the one behind it: a walk over the connections may pass one over
 /// and looks at it in the next turn. select_all() empties it: read it nowhere else.
-int bell();
+VINDRA_API int bell();
 
 /// What is written to bell(). Smaller values ring once only.
 constexpr unsigned bell_ring = 2;

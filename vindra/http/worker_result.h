@@ -1,5 +1,6 @@
 #pragma once
 
+#include "vindra/base/export.h"
 #include "vindra/http/deferred_result.h"
 
 #include <functional>
@@ -20,7 +21,7 @@ class http_connection;
 ///
 /// A thread that still computes when main() returns ends with the process. The library touches
 /// no static object from it; see that the function does not either.
-class worker_result : public deferred_result {
+class VINDRA_API worker_result : public deferred_result {
 public:
     /// Starts `compute` at once. Called on the loop's thread, like the destructor.
     ///
@@ -53,4 +54,4 @@ private:
 ///
 /// False, with nothing queued or computed, where the request has its answer already, or came
 /// with HTTP/1.0, which has no chunks to carry a late result.
-bool answer_later(http_connection& conn, std::string head, std::function<var()> compute);
+VINDRA_API bool answer_later(http_connection& conn, std::string head, std::function<var()> compute);

@@ -29,6 +29,7 @@ http {{
     scgi_temp_path scgi;
     server {{
         listen 127.0.0.1:{port} reuseport;
+        {tls}
         root {root};
         client_max_body_size 0;
         dav_methods PUT;
@@ -38,15 +39,24 @@ http {{
 
 
 class Nginx:
-    """Serves and takes files (GET, ranges, PUT) in `root`; keeps its own files in `home`."""
+    """Serves and takes files (GET, ranges, PUT) in `root`; keeps its own files in `home`.
 
-    def __init__(self, home, root):
+    With a certificate it does so on `tls_port` too, under TLS.
+    """
+
+    def __init__(self, home, root, certificate=None):
         self.home, self.root = pathlib.Path(home), pathlib.Path(root)
         self._held = HeldPort()
         self.port = self._held.port
         user = "user root;" if os.geteuid() == 0 else ""
+        self._held_tls, self.tls_port, tls = None, None, ""
+        if certificate:
+            self._held_tls = HeldPort()
+            self.tls_port = self._held_tls.port
+            tls = (f"listen 127.0.0.1:{self.tls_port} ssl reuseport;"
+                   f"ssl_certificate {certificate.crt}; ssl_certificate_key {certificate.key};")
         (self.home / "nginx.conf").write_text(
-            NGINX_CONFIGURATION.format(user=user, port=self.port, root=self.root))
+            NGINX_CONFIGURATION.format(user=user, port=self.port, root=self.root, tls=tls))
         self._process = subprocess.Popen(
             ["nginx", "-p", self.home, "-c", self.home / "nginx.conf", "-e", "stderr"],
             stdin=subprocess.DEVNULL, stderr=(self.home / "start.log").open("wb"))
@@ -65,6 +75,8 @@ class Nginx:
         self._process.terminate()
         self._process.wait(PATIENCE)
         self._held.close()
+        if self._held_tls:
+            self._held_tls.close()
 
 
 class _QuietHandler(http.server.SimpleHTTPRequestHandler):

@@ -27,6 +27,11 @@ def program_path():
     return build_folder() / "vindra" / "vindra"
 
 
+def example_path(name, build=None):
+    """One of the example programs of a build folder, of the one under test without `build`."""
+    return (build or build_folder()) / "examples" / name
+
+
 def run(*arguments, expected_status=0):
     """Run the program until it ends by itself and return what it printed."""
     done = subprocess.run([program_path(), *map(str, arguments)], stdin=subprocess.DEVNULL,
@@ -38,15 +43,17 @@ def run(*arguments, expected_status=0):
 class Program:
     """The running program. Everything that it prints is kept as it was printed.
 
-    `wrapper` is a command that becomes the one behind it, with the same process number.
+    `path` names another program than the one under test, `wrapper` a command that becomes the
+    one behind it, with the same process number; `stdin` is what subprocess takes as such.
     """
 
-    def __init__(self, *arguments, port=None, descriptors_max=None, wrapper=()):
+    def __init__(self, *arguments, port=None, descriptors_max=None, wrapper=(), path=None,
+                 stdin=subprocess.DEVNULL):
         self.port = port
         self._errors = tempfile.TemporaryFile()
-        self._process = subprocess.Popen([*wrapper, program_path(), *map(str, arguments)],
-                                         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                         stderr=self._errors)
+        self._process = subprocess.Popen(
+            [*wrapper, path or program_path(), *map(str, arguments)], stdin=stdin,
+            stdout=subprocess.PIPE, stderr=self._errors)
         if descriptors_max:
             resource.prlimit(self.pid, resource.RLIMIT_NOFILE, (descriptors_max, descriptors_max))
         self._printed = bytearray()
@@ -120,6 +127,14 @@ class Program:
     def await_descriptors(self, expected):
         wait_until(lambda: self.descriptors() == expected,
                    f"the descriptors {expected}, not {self.descriptors()}")
+
+    def type(self, text):
+        """Write to the standard input of a program started with a pipe there."""
+        self._process.stdin.write(text)
+        self._process.stdin.flush()
+
+    def end_input(self):
+        self._process.stdin.close()
 
     def interrupt(self):
         self._process.send_signal(signal.SIGINT)
