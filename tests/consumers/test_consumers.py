@@ -121,33 +121,48 @@ def test_fetch_content_takes_the_same_targets(tmp_path):
     configure(HERE / "add_subdirectory", tmp_path, f"-DVINDRA_SOURCE={ROOT}", "-DFETCH=ON")
 
 
-def sample(page):
-    """The first C++ sample of a page."""
-    text = (ROOT / page).read_text()
-    return re.search(r"^```cpp\n(.*?)^```$", text, re.MULTILINE | re.DOTALL).group(1)
+PAGES = ["README.md", *sorted(f"docs/{page.name}" for page in (ROOT / "docs").glob("*.md"))]
+
+
+def samples(page):
+    """The C++ samples of a page."""
+    return re.findall(r"^```cpp\n(.*?)^```$", (ROOT / page).read_text(), re.MULTILINE | re.DOTALL)
+
+
+def package_flags(libraries, *wanted):
+    """What pkg-config says of the installed library."""
+    without_gcc = ["--define-variable=gcc_flags="] if "clang" in COMPILER else []
+    package = libraries / "pkgconfig" / "vindra.pc"
+    return shlex.split(succeed("pkg-config", *without_gcc, *wanted, package))
 
 
 def test_the_sample_of_the_readme_builds_with_pkg_config_and_answers(prefix, libraries, tmp_path,
                                                                      port):
-    package = libraries / "pkgconfig" / "vindra.pc"
-    without_gcc = ["--define-variable=gcc_flags="] if "clang" in COMPILER else []
-    flags = shlex.split(succeed("pkg-config", *without_gcc, "--cflags", "--libs", package))
     source = tmp_path / "sample.cpp"
-    source.write_text(sample("README.md").replace("8080", str(port)))
-    succeed(COMPILER, "-Wall", "-Wextra", "-Werror", source, "-o", tmp_path / "sample", *flags)
+    source.write_text(samples("README.md")[0].replace("8080", str(port)))
+    succeed(COMPILER, "-Wall", "-Wextra", "-Werror", source, "-o", tmp_path / "sample",
+            *package_flags(libraries, "--cflags", "--libs"))
     with running(tmp_path / "sample", LD_LIBRARY_PATH=str(libraries)):
         assert curl(url(port, "/you")) == b"Hello, /you\n"
 
 
 def test_the_sample_of_the_readme_is_short_and_the_guide_shows_the_same():
-    text = sample("README.md")
+    text = samples("README.md")[0]
     assert text.count("\n") <= 15
-    assert text == sample("docs/first_server.md")
+    assert text == samples("docs/first_server.md")[0]
+
+
+@pytest.mark.parametrize("page", [page for page in PAGES if samples(page)])
+def test_every_sample_of_a_page_compiles(libraries, tmp_path, page):
+    for number, text in enumerate(samples(page)):
+        source = tmp_path / f"sample{number}.cpp"
+        source.write_text(text)
+        succeed(COMPILER, "-fsyntax-only", "-Wall", "-Wextra", "-Werror", source,
+                *package_flags(libraries, "--cflags"))
 
 
 def test_pkg_config_adds_the_loader_for_a_static_link(libraries):
-    package = libraries / "pkgconfig" / "vindra.pc"
-    assert "-ldl" in succeed("pkg-config", "--static", "--libs", package).split()
+    assert "-ldl" in package_flags(libraries, "--static", "--libs")
 
 
 def test_private_headers_stay_at_home(prefix):
