@@ -8,12 +8,13 @@ import pytest
 
 from support.authority import Authority
 from support.backends import FileServer, Nginx
-from support.browser import start_browser
+from support.browser import chromium
 from support.ports import HeldPort, OccupiedPort
 from support.program import Program, example_path, program_path
 from support.recorder import Recorder
 
-TOOLS = ["nginx", "curl", "wrk", "chromium", "chromedriver", "openssl"]
+TOOLS = ["nginx", "curl", "wrk", "chromium", "chromedriver", "openssl",
+         "pebble", "pebble-challtestsrv", "lego"]
 PHASE_LIMIT = 60
 
 
@@ -160,7 +161,7 @@ def tls_nginx(keep, tmp_path, credentials):
 @pytest.fixture
 def browser(tmp_path):
     """A headless Chromium with a profile of its own."""
-    driver = start_browser(tmp_path / "profile")
+    driver = chromium(tmp_path / "profile")
     yield driver
     driver.quit()
 

@@ -5,8 +5,8 @@ import struct
 import zlib
 
 import pytest
-from selenium.webdriver.support.ui import WebDriverWait
 
+from support.browser import chromium, load
 from support.waiting import wait_until
 
 ASSETS = 50
@@ -58,9 +58,7 @@ return {
 def test_chromium_loads_a_page_of_fifty_assets(launch, nginx, browser):
     names = write_site(nginx.root)
     program = launch("PORT", "-map", "127.0.0.1:PORT", nginx.port)
-    browser.get(f"http://127.0.0.1:{program.port}/page.html")
-    WebDriverWait(browser, 30).until(
-        lambda driver: driver.execute_script("return document.readyState") == "complete")
+    load(browser, f"http://127.0.0.1:{program.port}/page.html")
     assert browser.title == "fifty"
     assert browser.execute_script(EFFECTS) == {
         "pictures": list(range(1, 21)), "sheets": list(range(1, 16)), "scripts": 120}
