@@ -26,6 +26,10 @@ class deferred_result;
 ///
 /// The hooks as they are here make a plain answerer that echoes each request's head.
 ///
+/// Every hook may queue output (write(), send_message(), publish(), parts of its own), join and
+/// leave channels, and change fields. None may block, close `fd` or delete a connection: to
+/// end this one, clear `keep_alive` and set `timeout` to 0.
+///
 /// Pipelining is not supported: what arrives together with a request counts as its body. Nor
 /// is a malformed request ever answered with an error; the hooks see what was understood. The
 /// fields are plain data, which hooks may read and change.
