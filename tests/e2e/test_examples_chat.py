@@ -185,7 +185,7 @@ def state_of(tab):
 
 
 @pytest.mark.limit(100)
-def test_two_tabs_of_chromium_chat(example, browser):
+def test_two_tabs_of_chromium_chat(example, browser, tmp_path):
     program = example("chat")
     waiting = WebDriverWait(browser, 30)
     tabs = [browser.current_window_handle]
@@ -213,6 +213,7 @@ def test_two_tabs_of_chromium_chat(example, browser):
         browser.switch_to.window(tab)
         waiting.until(lambda driver: texts_of(driver) == [*spoken, "x" * 125])
         assert state_of(browser) == "connected"
+    assert browser.save_screenshot(str(tmp_path / "chat.png"))
 
     program.stop()
     waiting.until(lambda driver: state_of(driver) == "closed")
