@@ -726,6 +726,27 @@ TEST_F(server_test, the_destructor_stops_with_the_plain_hooks) {
     EXPECT_EQ(removed_by_derived, 0);
 }
 
+TEST_F(server_test, a_hook_that_throws_on_the_way_out_leaves_no_connection_behind) {
+    struct throwing : server<scripted_connection> {
+        using server::server;
+        void on_remove(connection* /*conn*/) override { throw std::string("missing"); }
+    };
+    bool ended = false;
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
+    far_end far(ends[1]);
+    throwing short_lived(0, false);
+    auto* conn = new scripted_connection;
+    conn->fd = ends[0];
+    conn->on_end = [&ended] { ended = true; };
+    short_lived.connections.add(conn);
+    EXPECT_THROW(short_lived.stop(), std::string);
+    EXPECT_TRUE(ended);
+    far.receive();
+    EXPECT_TRUE(far.closed_by_peer());
+    EXPECT_EQ(short_lived.connections.count, 0);
+}
+
 TEST(abstract_server, several_run_in_order_until_interrupted_and_idle_when_nothing_was_ready) {
     static std::string calls;
     calls.clear();

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <memory>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -36,9 +37,10 @@ void server_base::stop() {
 }
 
 void server_base::end_connection(connection* conn) {
+    // Deleted behind the hook, even one that throws.
+    const std::unique_ptr<connection> owned(conn);
     sockets::close(conn->fd);
     on_remove(conn);
-    delete conn;
 }
 
 bool server_base::accept_connection() {
