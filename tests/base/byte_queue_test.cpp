@@ -152,4 +152,37 @@ TEST(byte_queue, many_queues_share_what_one_has_given_back) {
         EXPECT_TRUE(*queues[i] == (i % 3 == 0 ? "again" : "queue " + std::to_string(i)));
 }
 
+TEST(byte_queue, tells_its_listener_when_bytes_come_to_wait_where_none_did) {
+    struct listener {
+        std::string seen;
+        base::byte_queue queue;
+    } ear;
+    ear.queue.on_arrival(
+        [](void* context) {
+            auto& self = *static_cast<listener*>(context);
+            self.seen += std::string(self.queue) + ";";
+        },
+        &ear);
+
+    ear.queue += "a";
+    ear.queue += "b";
+    EXPECT_EQ(ear.seen, "a;") << "some were waiting already";
+    ear.queue += "";
+    char out[2];
+    ear.queue.take(out, 2);
+    ear.queue += "";
+    EXPECT_EQ(ear.seen, "a;") << "nothing came";
+    ear.queue.assign("c");
+    ear.queue.assign("d");
+    EXPECT_EQ(ear.seen, "a;c;d;");
+    ear.queue.announce();
+    EXPECT_EQ(ear.seen, "a;c;d;d;");
+
+    ear.queue.on_arrival(nullptr, nullptr);
+    ear.queue.clear();
+    ear.queue += "e";
+    ear.queue.announce();
+    EXPECT_EQ(ear.seen, "a;c;d;d;") << "nobody listens any more";
+}
+
 } // namespace

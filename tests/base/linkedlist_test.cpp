@@ -151,4 +151,15 @@ TEST(linkedlist, a_node_ends_the_chain_behind_it) {
     delete chain;
 }
 
+TEST(linkedlist, counts_what_has_been_taken_out) {
+    base::linkedlist<int> list;
+    EXPECT_EQ(list.pop(), 0);
+    EXPECT_EQ(list.removals(), 0U) << "there was nothing to take";
+    for (const int value : {1, 2, 3}) list.add(value);
+    list.pop();
+    list.prev = list.head;
+    list.remove();
+    EXPECT_EQ(list.removals(), 2U);
+}
+
 } // namespace

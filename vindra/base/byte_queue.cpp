@@ -86,6 +86,7 @@ byte_queue::~byte_queue() {
 }
 
 void byte_queue::append(const char* bytes, std::size_t length) {
+    const bool arrival = size_ == 0 && length > 0;
     size_ += length;
     while (length > 0) {
         if (last_ == nullptr || last_->end == last_->capacity) add_block_();
@@ -95,6 +96,7 @@ void byte_queue::append(const char* bytes, std::size_t length) {
         bytes += count;
         length -= count;
     }
+    if (arrival) announce();
 }
 
 byte_queue& byte_queue::operator+=(std::string_view text) {

@@ -40,6 +40,19 @@ public:
     /// Moves at most `capacity` bytes from the front into `out` and returns how many.
     std::size_t take(char* out, std::size_t capacity);
 
+    /// Has `call(context)` run whenever bytes come to wait where there were none, just after
+    /// they have come; null for `call` ends that. One listener at a time, which stays in force
+    /// until then: `context` has to live as long.
+    void on_arrival(void (*call)(void*), void* context) {
+        listener_ = call;
+        listener_context_ = context;
+    }
+
+    /// Runs what on_arrival() has set, if anything.
+    void announce() const {
+        if (listener_ != nullptr) listener_(listener_context_);
+    }
+
     /// A copy of all that waits.
     operator std::string() const;
 
@@ -59,6 +72,9 @@ private:
     std::size_t size_ = 0;
     block* first_ = nullptr;
     block* last_ = nullptr;
+
+    void (*listener_)(void*) = nullptr;
+    void* listener_context_ = nullptr;
 };
 
 } // namespace base

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <type_traits>
 
 namespace base {
@@ -64,8 +65,14 @@ public:
     /// Number of elements.
     int count = 0;
 
+    /// How many elements have been taken out so far; wraps around. Tells whoever keeps an index
+    /// beside the list that others have changed it.
+    std::uint32_t removals() const { return removals_; }
+
 private:
     T unlink_(node* before);
+
+    std::uint32_t removals_ = 0;
 };
 
 // In a loop: a chain of a million nodes must not need a million stack frames.
@@ -117,6 +124,7 @@ T linkedlist<T>::unlink_(node* before) {
     victim->next = nullptr;
     delete victim;
     --count;
+    ++removals_;
     return value;
 }
 
