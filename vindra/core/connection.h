@@ -1,10 +1,12 @@
 #pragma once
 
 #include "vindra/base/export.h"
+#include "vindra/core/roster.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <typeinfo>
 
 class abstract_server;
 
@@ -44,6 +46,10 @@ public:
 
     /// Runs after the socket is closed and the server's on_remove() has returned.
     virtual ~connection();
+
+    /// Has on_send() called in the send pass under way, or in the next one where that has come
+    /// past this connection. Only a connection that rests needs it; see may_rest_as().
+    void wake();
 
     /// The connection that a server is handling at this moment; null outside an update.
     static connection*& selected();
@@ -85,4 +91,28 @@ public:
     /// Seconds without activity after which the server ends this connection; it does so once
     /// *more* than that many have passed by the clock. Negative means never.
     int timeout = 10;
+
+protected:
+    /// For the constructor of a class whose on_send() calls rest() when it has nothing to give
+    /// until new input arrives or wake() is called. A busy server then leaves connections of
+    /// exactly that class, `own_class` being its typeid, alone meanwhile. Those of classes
+    /// derived from it are asked every turn, whatever their base says, unless they call this too.
+    void may_rest_as(const std::type_info& own_class) { resting_class_ = &own_class; }
+
+    /// For on_send(), together with an answer of true and no bytes.
+    void rest() { rests_ = true; }
+
+private:
+    friend class roster;
+    friend class server_base;
+
+    bool may_rest_() const;
+    void trim_send_buffer_();
+
+    roster::entry roster_entry_;
+    const std::type_info* resting_class_ = nullptr;
+    /// The last on_send() has called rest().
+    bool rests_ = false;
+    /// How far `send_buffer` has been filled since its pages were last given back.
+    int send_buffer_used_ = 0;
 };

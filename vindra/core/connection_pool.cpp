@@ -164,11 +164,11 @@ private:
     std::vector<char*> free_;
 };
 
-// Classes of about one size share their slots. The odd cache line makes the offset in a page
-// another one for every slot of a region.
+// The odd number of cache lines puts the slots of a region at 64 different offsets of a page. No
+// space is left between two: the end of a slot and the head of the next are mostly on one page.
 std::size_t stride_for(std::size_t size) {
-    constexpr std::size_t grain = 1024;
-    return (size + grain - 1) / grain * grain + cache_line;
+    const std::size_t lines = (size + cache_line - 1) / cache_line;
+    return (lines | 1) * cache_line;
 }
 
 slot_class& class_for(std::size_t size) {
@@ -192,6 +192,11 @@ void release(void* storage, std::size_t size) {
     char* slot = static_cast<char*>(storage);
     class_for(size).give_back(slot, size);
     poison(slot, size);
+}
+
+void give_back_pages(void* begin, std::size_t size) {
+    char* const first = static_cast<char*>(begin);
+    discard(page_ceiling(first), page_floor(first + size));
 }
 
 } // namespace connection_pool

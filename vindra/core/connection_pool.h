@@ -20,6 +20,10 @@ void* allocate(std::size_t size);
 /// the pages between its first and its last ones returned to the kernel.
 void release(void* storage, std::size_t size);
 
+/// Hands the whole pages among `size` bytes of a slot in use back to the kernel: they read zero
+/// from then on.
+void give_back_pages(void* begin, std::size_t size);
+
 /// Free slots that keep their first and last pages for the next connection; the pages of
 /// those beyond are returned too.
 constexpr std::size_t warm_slots_max = 128;

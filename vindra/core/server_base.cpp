@@ -2,6 +2,7 @@
 
 #include "vindra/core/sockets.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <memory>
@@ -97,6 +98,7 @@ void server_base::update_with(char* receive_buffer) {
     if (sockets::num_ready() < 0) return restart_after_failed_wait_();
 
     const std::time_t now = std::time(nullptr);
+    choose_walk_(now);
     walk_([&](connection& conn) { service_(conn, receive_buffer, now); });
 
     if (port != 0 && sockets::readable()->test(fd) && !accept_connection()) {
@@ -104,7 +106,7 @@ void server_base::update_with(char* receive_buffer) {
         start();
     }
 
-    walk_([&](connection& conn) { ask_(conn); });
+    walk_([&](connection& conn) { ask_(conn, now); });
     report_(now);
     connection::selected() = nullptr;
 }
@@ -119,10 +121,33 @@ void server_base::restart_after_failed_wait_() {
     errno = error;
 }
 
+// With many connections most turns visit those alone that have something to do. Time-outs come
+// due when the second changes, and what others have done to a connection's fields is seen then
+// at the latest.
+void server_base::choose_walk_(std::time_t now) {
+    if (connections.count <= plain_walk_max) return roster_.clear();
+
+    if (roster_.in_use() && now == last_full_turn_ && sockets::num_ready() != 0) {
+        roster_.wake_ready();
+    } else {
+        roster_.rebuild();
+        last_full_turn_ = now;
+    }
+}
+
+template <typename Visit>
+void server_base::walk_(Visit visit) {
+    if (roster_.in_use()) {
+        walk_awake_(visit);
+    } else {
+        walk_all_(visit);
+    }
+}
+
 // Visits the connection behind the cursor, then moves on. A removal spends the cursor; the
 // walk goes on from the node behind the removed one, whose connection is thus passed over.
 template <typename Visit>
-void server_base::walk_(Visit visit) {
+void server_base::walk_all_(Visit visit) {
     connections.prev = connections.head;
     connections.next = nullptr;
     while (connections.prev != nullptr && connections.prev->next != nullptr) {
@@ -138,7 +163,26 @@ void server_base::walk_(Visit visit) {
     }
 }
 
+// The same for those awake: what is left out are visits that would do nothing.
+template <typename Visit>
+void server_base::walk_awake_(Visit visit) {
+    const connection* passed_over = nullptr;
+    roster_.begin_pass();
+    while (connection* conn = roster_.next()) {
+        if (conn == passed_over) continue;
+        connections.prev = conn->roster_entry_.before;
+        connections.next = nullptr;
+        connection::selected() = conn;
+        visit(*conn);
+        if (connections.prev != nullptr) continue;
+        if (connections.next == nullptr) break;
+        passed_over = connections.next->value;
+    }
+    roster_.end_pass();
+}
+
 void server_base::service_(connection& conn, char* receive_buffer, std::time_t now) {
+    conn.roster_entry_.serviced = true;
     if (conn.timeout >= 0 && now - conn.last_active > conn.timeout) {
         std::printf("%d has timed out.\n", conn.fd);
         remove_visited_();
@@ -172,19 +216,37 @@ void server_base::write_(connection& conn, std::time_t now) {
     if (!conn.more && conn.send_length == 0) remove_visited_();
 }
 
-void server_base::ask_(connection& conn) {
+void server_base::ask_(connection& conn, std::time_t now) {
     if (conn.send_length == 0) {
+        conn.rests_ = false;
         conn.more = conn.on_send(conn.send_buffer, connection::send_buffer_size, &conn.send_length);
         if (conn.send_length > 0) conn.send_offset = 0;
     }
     if (conn.send_length != 0) {
+        conn.send_buffer_used_ = std::max(conn.send_buffer_used_, conn.send_length);
         sockets::ready()->set(conn.fd);
     } else if (!conn.more) {
         remove_visited_();
+    } else {
+        leave_alone_(conn, now);
     }
 }
 
+// Nothing to do for it now. One that no first pass has seen, because it is new or was passed
+// over, may be due to time out and is visited once more. A buffer that has grown goes back once it
+// has not been of use for a while: at full speed, fetching its pages anew would cost more than the
+// copies.
+void server_base::leave_alone_(connection& conn, std::time_t now) {
+    constexpr int kept_bytes_max = 4096;
+    constexpr std::time_t kept_seconds = 2;
+    if (conn.send_buffer_used_ > kept_bytes_max && now - conn.last_active >= kept_seconds)
+        conn.trim_send_buffer_();
+
+    if (roster_.in_use() && conn.roster_entry_.serviced && conn.may_rest_()) roster_.rest();
+}
+
 void server_base::remove_visited_() {
+    if (roster_.in_use()) roster_.strike();
     connection* conn = connections.prev->next->value;
     connections.remove();
     end_connection(conn);

@@ -4,6 +4,7 @@
 #include "vindra/base/linkedlist.h"
 #include "vindra/core/abstract_server.h"
 #include "vindra/core/connection.h"
+#include "vindra/core/roster.h"
 
 #include <ctime>
 
@@ -96,14 +97,29 @@ protected:
     /// update() over a receive buffer of receive_buffer_size bytes.
     void update_with(char* receive_buffer);
 
+    /// Up to this many connections are all visited in every turn; beyond, those that have
+    /// nothing to do are left out of most. A test sets it to compare the two.
+    int plain_walk_max = 256;
+
 private:
     template <typename Visit>
     void walk_(Visit visit);
+    template <typename Visit>
+    void walk_all_(Visit visit);
+    template <typename Visit>
+    void walk_awake_(Visit visit);
+    void choose_walk_(std::time_t now);
     void restart_after_failed_wait_();
     void service_(connection& conn, char* receive_buffer, std::time_t now);
     void read_(connection& conn, char* receive_buffer, std::time_t now);
     void write_(connection& conn, std::time_t now);
-    void ask_(connection& conn);
+    void ask_(connection& conn, std::time_t now);
+    void leave_alone_(connection& conn, std::time_t now);
     void remove_visited_();
     void report_(std::time_t now);
+
+    /// In use while there are more than `plain_walk_max` connections.
+    roster roster_{connections};
+    /// Second of the last turn that visited every connection.
+    std::time_t last_full_turn_ = 0;
 };

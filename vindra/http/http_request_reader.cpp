@@ -42,7 +42,9 @@ std::ptrdiff_t find_behind(std::string_view text, std::string_view wanted, std::
 
 } // namespace
 
-http_connection::http_connection() = default;
+http_connection::http_connection() {
+    may_rest_as(typeid(http_connection));
+}
 
 // head -> body -> complete -> head again (kept) or ended by the server (not kept)
 void http_connection::on_recv(char* bytes, int length) {

@@ -68,7 +68,10 @@ void http_connection::write(std::string head, const std::string& body) {
 
 bool http_connection::on_send(char* buffer, int capacity, int* length) {
     // Of a kept connection, reset() has cleared `written`: it waits for its next request.
-    if (parts.count <= 0) return written ? keep_alive : true;
+    if (parts.count <= 0) {
+        if (!written) rest();
+        return written ? keep_alive : true;
+    }
 
     response_part& part = *parts.head->next->value;
     if (part.file) {
@@ -135,6 +138,7 @@ void http_connection::queue_text_(std::string text) {
     auto* part = new response_part;
     part->text = std::move(text);
     parts.add(part);
+    wake();
 }
 
 void http_connection::drop_first_part_() {

@@ -15,10 +15,12 @@
 
 http_proxy::http_proxy() {
     websockets = false;
+    proxy_pipe::wake_on_arrival(pipe->to_client, *this);
+    may_rest_as(typeid(http_proxy));
 }
 
 http_proxy::~http_proxy() {
-    proxy_pipe::release(pipe);
+    proxy_pipe::release(pipe, &proxy_pipe::to_client);
 }
 
 server_base*& http_proxy::g_server() {
@@ -60,7 +62,9 @@ void http_proxy::on_data(char* bytes, int length) {
 void http_proxy::on_request() {}
 
 bool http_proxy::on_send(char* buffer, int capacity, int* length) {
-    return pipe->send_from(pipe->to_client, buffer, capacity, length);
+    const bool stays = pipe->send_from(pipe->to_client, buffer, capacity, length);
+    if (pipe->to_client.empty()) rest();
+    return stays;
 }
 
 std::string http_proxy::copy_headers(const std::string& headers) {
@@ -83,8 +87,9 @@ std::string http_proxy::copy_headers(const std::string& headers) {
 }
 
 void http_proxy::renew_pipe() {
-    proxy_pipe::release(pipe);
+    proxy_pipe::release(pipe, &proxy_pipe::to_client);
     pipe = new proxy_pipe;
+    proxy_pipe::wake_on_arrival(pipe->to_client, *this);
 }
 
 void http_proxy::answer_not_found() {

@@ -3,6 +3,8 @@
 #include "vindra/base/byte_queue.h"
 #include "vindra/base/export.h"
 
+class connection;
+
 /// The two byte queues between a client connection and its backend connection, shared by
 /// both and counted.
 ///
@@ -17,8 +19,13 @@ struct VINDRA_API proxy_pipe {
     proxy_pipe(const proxy_pipe&) = delete;
     proxy_pipe& operator=(const proxy_pipe&) = delete;
 
-    /// Gives up the caller's share and sets its pointer to null. The last holder frees the pipe.
-    static void release(proxy_pipe*& pipe);
+    /// Has `reader` woken when bytes come to wait in `queue`, which is the one of this pipe's
+    /// that it hands over, and when the other end lets go. Until its own release().
+    static void wake_on_arrival(base::byte_queue& queue, connection& reader);
+
+    /// Gives up the share of the end that reads `queue` and sets its pointer to null. The last
+    /// holder frees the pipe; the other one is woken, as it may be finished now.
+    static void release(proxy_pipe*& pipe, base::byte_queue proxy_pipe::*queue);
 
     /// What on_send() of either end is: moves up to `capacity` bytes from the front of `queue`,
     /// which is one of this pipe's, into `buffer` and stores their number in `*length`. True

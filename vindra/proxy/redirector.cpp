@@ -10,6 +10,10 @@ std::string port_suffix(int port) {
 
 } // namespace
 
+redirector::redirector() {
+    may_rest_as(typeid(redirector));
+}
+
 int& redirector::ssl_port() {
     static int port = 443;
     return port;

@@ -7,6 +7,8 @@
 /// redirect (RFC 9110, 15.4.2) to the same host and path over HTTPS, then the connection closes.
 class VINDRA_API redirector : public http_connection {
 public:
+    redirector();
+
     /// The port that redirects name, 443 until set; that one goes without saying in a URL. Set
     /// before the server of these connections runs.
     static int& ssl_port();

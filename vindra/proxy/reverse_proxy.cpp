@@ -5,6 +5,10 @@
 
 #include <cstdio>
 
+reverse_proxy::reverse_proxy() {
+    may_rest_as(typeid(reverse_proxy));
+}
+
 base::hashmap<int>& reverse_proxy::hosts() {
     static base::hashmap<int> h;
     return h;

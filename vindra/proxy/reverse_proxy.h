@@ -11,6 +11,8 @@ public:
     /// The port that stands for the built-in echo handler.
     static constexpr int echo_port = -1;
 
+    reverse_proxy();
+
     /// Host values, byte for byte, and the local ports that they are mapped to. 0 is as good as
     /// absent. Filled before any client is accepted; lives until the process exits.
     static base::hashmap<int>& hosts();
