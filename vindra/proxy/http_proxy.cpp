@@ -3,12 +3,11 @@
 #include "vindra/base/split_url.h"
 #include "vindra/core/server_base.h"
 #include "vindra/core/sockets.h"
+#include "vindra/proxy/backend_address.h"
 #include "vindra/proxy/proxy_connection.h"
 
 #include <cstdio>
 
-#include <fcntl.h>
-#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -105,36 +104,28 @@ void http_proxy::answer_bad_gateway() {
 
 namespace {
 
-const addrinfo* first_not_ipv6(const addrinfo* list) {
-    while (list != nullptr && list->ai_family == AF_INET6) list = list->ai_next;
-    return list;
-}
-
 // A socket on its way to `where`; -1 when there is none to be had. Whether it gets there
 // shows later, as an end of stream if it does not.
-int begin_connecting(const addrinfo& where) {
-    const int fd = socket(where.ai_family, where.ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC,
-                          where.ai_protocol);
+int begin_connecting(const backend_address& where) {
+    const int fd = socket(where.family, where.type | SOCK_NONBLOCK | SOCK_CLOEXEC, where.protocol);
     if (fd == -1) return -1;
     const int on = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    static_cast<void>(connect(fd, where.ai_addr, where.ai_addrlen));
+    static_cast<void>(connect(fd, reinterpret_cast<const sockaddr*>(&where.address), where.length));
     return fd;
 }
 
 // Prints why and returns -1 when there is no socket.
 int connect_to(const std::string& host, int port) {
-    addrinfo hints{};
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* list = nullptr;
-    if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &list) != 0) {
+    using outcome = backend_address::outcome;
+    backend_address where;
+    const outcome found = backend_address::find(host, port, where);
+    if (found == outcome::unresolved) {
         std::printf("getaddrinfo() failed for host %s:%d!\n", host.c_str(), port);
         return -1;
     }
 
-    const addrinfo* const where = first_not_ipv6(list);
-    const int fd = where == nullptr ? -1 : begin_connecting(*where);
-    freeaddrinfo(list);
+    const int fd = found == outcome::found ? begin_connecting(where) : -1;
     if (fd == -1) std::printf("No addresses worked for host %s:%d.\n", host.c_str(), port);
     return fd;
 }
