@@ -137,7 +137,27 @@ TEST(byte_queue, a_large_backlog_costs_little_more_than_its_bytes_and_is_given_b
 
     std::string out(mib, ' ');
     while (!queue.empty()) queue.take(out.data(), mib);
+    base::byte_queue::give_back_pages();
+    EXPECT_GE(resident_bytes() - before, backlog) << "it was needed a moment ago";
+    base::byte_queue::give_back_pages();
     EXPECT_LE(resident_bytes(), before + 8 * mib);
+}
+
+TEST(byte_queue, a_backlog_that_drains_slowly_is_given_back_on_the_way) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer's own memory stands in the way of the measure";
+#endif
+    constexpr std::size_t mib = 1048576;
+    const std::string block(mib, 'x');
+    const std::size_t before = resident_bytes();
+    base::byte_queue queue;
+    for (int i = 0; i < 64; ++i) queue += block;
+    std::string out(mib, ' ');
+    for (int i = 0; i < 64; ++i) {
+        queue.take(out.data(), mib);
+        base::byte_queue::give_back_pages();
+        EXPECT_LE(resident_bytes() - before, queue.size() + 8 * mib);
+    }
 }
 
 TEST(byte_queue, many_queues_share_what_one_has_given_back) {

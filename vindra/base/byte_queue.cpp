@@ -28,8 +28,8 @@ namespace {
 constexpr std::size_t place_bytes = 65536;
 constexpr std::size_t places_per_region = 64;
 
-// Free places that keep their pages: enough for a few connections at full speed.
-constexpr std::size_t warm_places_max = 64;
+// Free places that keep their pages for good: enough for a few connections at full speed.
+constexpr std::size_t warm_places_min = 64;
 
 // Many queues hold a few hundred bytes each. Were all blocks to begin at one offset, these
 // would fight for the same few cache sets; a step of five lines spreads them over a page.
@@ -37,19 +37,33 @@ constexpr std::size_t cache_line = 64;
 constexpr std::size_t offsets = 64;
 constexpr std::size_t offset_step = 5;
 
+// Address space stays with the store, pages do not. While a fast sender feeds a slow receiver, a
+// queue of many mebibytes comes and goes many times a second, and fetching its pages anew costs
+// more than all the copying: so free places keep theirs until a second has not needed them.
 class block_store {
 public:
     char* take() {
         if (free_.empty()) add_region();
         char* place = free_.back();
         free_.pop_back();
+        cold_ = std::min(cold_, free_.size());
+        peak_ = std::max(peak_, ++in_use_);
         return place;
     }
 
     void give_back(char* place) {
-        // Address space stays with the store, pages do not.
-        if (free_.size() >= warm_places_max) madvise(place, place_bytes, MADV_DONTNEED);
         free_.push_back(place);
+        --in_use_;
+    }
+
+    // Hands back the pages of the free places that were not in use together with the others
+    // since the last call.
+    void trim() {
+        const std::size_t kept = std::max(peak_ - in_use_, warm_places_min);
+        for (; free_.size() - cold_ > kept; ++cold_) {
+            madvise(free_[cold_], place_bytes, MADV_DONTNEED);
+        }
+        peak_ = in_use_;
     }
 
 private:
@@ -62,10 +76,16 @@ private:
         char* const begin = static_cast<char*>(memory) + (place_bytes - address % place_bytes);
         for (std::size_t i = places_per_region; i > 0; --i)
             free_.push_back(begin + (i - 1) * place_bytes);
+        cold_ = free_.size();
     }
 
-    /// Last in, first out: the warmest place is used next.
+    /// Last in, first out: the warmest place is used next. The first `cold_` have no pages.
     std::vector<char*> free_;
+    std::size_t cold_ = 0;
+
+    /// Places in use, now and at most since the last trim().
+    std::size_t in_use_ = 0;
+    std::size_t peak_ = 0;
 };
 
 block_store& store() {
@@ -83,6 +103,10 @@ std::size_t offset_of(const char* place) {
 
 byte_queue::~byte_queue() {
     clear();
+}
+
+void byte_queue::give_back_pages() {
+    store().trim();
 }
 
 void byte_queue::append(const char* bytes, std::size_t length) {

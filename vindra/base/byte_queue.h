@@ -12,8 +12,7 @@ namespace base {
 ///
 /// Behaves as one byte string; costs as a queue: taking from the front never moves what
 /// stays, and a drained queue holds no memory. Bytes lie in blocks of 64 KiB that all queues
-/// of the process share; when few are in use their pages go back to the kernel. One thread
-/// uses them.
+/// of the process share, and whose pages give_back_pages() returns. One thread uses them.
 class VINDRA_API byte_queue {
 public:
     byte_queue() = default;
@@ -39,6 +38,10 @@ public:
 
     /// Moves at most `capacity` bytes from the front into `out` and returns how many.
     std::size_t take(char* out, std::size_t capacity);
+
+    /// Returns the pages of blocks that no queue has needed since the last call to the kernel,
+    /// but for a few mebibytes. A server calls it once a second.
+    static void give_back_pages();
 
     /// Has `call(context)` run whenever bytes come to wait where there were none, just after
     /// they have come; null for `call` ends that. One listener at a time, which stays in force
