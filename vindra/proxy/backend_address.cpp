@@ -45,7 +45,18 @@ struct memory {
         long found_at;
     };
 
+    // Once in a tick of the clock, which comes every few milliseconds, is at once.
+    void look_at_hosts(long now) {
+        if (now == looked_at) return;
+        looked_at = now;
+        if (const file_state state = state_of(hosts_file); state != hosts) {
+            hosts = state;
+            entries.clear();
+        }
+    }
+
     file_state hosts{};
+    long looked_at = -1;
     std::unordered_map<std::string, entry> entries;
 };
 
@@ -85,15 +96,12 @@ backend_address::outcome resolve(const std::string& host, const std::string& ser
 backend_address::outcome backend_address::find(const std::string& host, int port,
                                                backend_address& result) {
     memory& m = remembered();
-    if (const file_state hosts = state_of(hosts_file); hosts != m.hosts) {
-        m.hosts = hosts;
-        m.entries.clear();
-    }
+    const long now = milliseconds_now();
+    m.look_at_hosts(now);
 
     const std::string service = std::to_string(port);
     // No host name holds a zero byte as far as the resolver sees it.
     const std::string key = host.c_str() + std::string(1, '\0') + service;
-    const long now = milliseconds_now();
     if (const auto known = m.entries.find(key);
         known != m.entries.end() && now - known->second.found_at < milliseconds_kept) {
         result = known->second.address;
