@@ -69,6 +69,43 @@ TEST(connection_pool, a_slot_that_grew_gives_its_pages_back) {
     EXPECT_LE(resident_pages(slot, size), 4U);
 }
 
+TEST(connection_pool, a_slot_is_wiped_around_what_is_said_to_be_untouched) {
+    constexpr std::size_t size = mib + 700;
+    for (const std::size_t used : {std::size_t{0}, std::size_t{900}, page, 5 * page, mib / 2}) {
+        char* slot = static_cast<char*>(connection_pool::allocate(size));
+        std::memset(slot, 'x', used);
+        std::memset(slot + mib, 'y', 700);
+        connection_pool::note_untouched(slot, slot + used, slot + mib);
+        connection_pool::release(slot, size);
+
+        slot = static_cast<char*>(connection_pool::allocate(size));
+        EXPECT_EQ(std::count(slot, slot + size, '\0'), static_cast<std::ptrdiff_t>(size)) << used;
+        connection_pool::release(slot, size);
+    }
+}
+
+TEST(connection_pool, a_note_about_one_slot_says_nothing_of_another) {
+    constexpr std::size_t size = mib + 700;
+    char* noted = static_cast<char*>(connection_pool::allocate(size));
+    char* other = static_cast<char*>(connection_pool::allocate(size));
+    std::memset(other, 'x', size);
+    connection_pool::note_untouched(noted, noted, noted + size);
+    connection_pool::release(other, size);
+    EXPECT_LE(resident_pages(other, size), 4U);
+    connection_pool::release(noted, size);
+}
+
+TEST(connection_pool, a_part_of_a_slot_in_use_gives_its_pages_back) {
+    constexpr std::size_t size = mib + 700;
+    char* slot = static_cast<char*>(connection_pool::allocate(size));
+    std::memset(slot, 'x', size);
+    connection_pool::give_back_pages(slot + 57, slot + mib, slot + mib);
+    EXPECT_EQ(std::count(slot, slot + 57, 'x'), 57) << "what lies before it stays";
+    EXPECT_EQ(std::count(slot + mib, slot + size, 'x'), 700) << "and what lies behind";
+    EXPECT_LE(resident_pages(slot, size), 4U);
+    connection_pool::release(slot, size);
+}
+
 TEST(connection_pool, a_crowd_that_has_left_leaves_little_behind) {
     constexpr std::size_t size = mib + 700;
     constexpr std::size_t crowd = 1000;

@@ -344,6 +344,59 @@ TEST_F(server_test, a_peer_that_resets_is_noticed_within_two_turns) {
     EXPECT_EQ(out.take(), "");
 }
 
+TEST_F(server_test, one_system_call_reads_what_a_client_has_sent) {
+    start();
+    const far_end client = far_end::connect_to(port_.number());
+    turn();
+    auto& conn = static_cast<scripted_connection&>(*in_list().at(0));
+    client.send("once");
+    sockets::select_all();
+    interposed::recv_calls = 0;
+    server_.update();
+    EXPECT_EQ(conn.received, "once");
+    EXPECT_EQ(interposed::recv_calls, 1);
+    EXPECT_EQ(server_.capacities.size(), 2U) << "the hook is still called until it has nothing";
+    client.send(" more");
+    turn();
+    EXPECT_EQ(conn.received, "once more");
+}
+
+TEST_F(server_test, what_arrives_behind_a_short_read_is_read_in_the_next_turn) {
+    start();
+    const far_end client = far_end::connect_to(port_.number());
+    turn();
+    auto& conn = static_cast<scripted_connection&>(*in_list().at(0));
+    conn.when_read = [&](scripted_connection& self) {
+        if (self.received == "first") client.send(", second");
+    };
+    client.send("first");
+    turn();
+    turn();
+    EXPECT_EQ(conn.received, "first, second");
+}
+
+TEST_F(server_test, an_end_behind_a_short_read_is_seen_whenever_it_comes) {
+    for (const bool together : {true, false}) {
+        SCOPED_TRACE(together);
+        if (server_.fd == -1) start();
+        far_end client = far_end::connect_to(port_.number());
+        turn();
+        ASSERT_EQ(in_list().size(), 1U);
+        auto& conn = static_cast<scripted_connection&>(*in_list().at(0));
+        std::string got;
+        conn.when_read = [&](scripted_connection& self) {
+            got = self.received;
+            if (!together) client.close();
+        };
+        client.send("last words");
+        if (together) client.close();
+        turn();
+        EXPECT_EQ(got, "last words");
+        if (!together) turn();
+        EXPECT_TRUE(in_list().empty());
+    }
+}
+
 TEST_F(server_test, a_hook_that_gives_negative_for_its_own_reasons_is_asked_again) {
     far_end far;
     scripted_connection& conn = join(far);

@@ -14,6 +14,7 @@ namespace interposed {
 int wait_error = 0;
 int accept_error = 0;
 int recv_error_once = 0;
+int recv_calls = 0;
 int send_limit = 0;
 
 } // namespace interposed
@@ -53,6 +54,7 @@ extern "C" int accept4(int fd, sockaddr* address, socklen_t* length, int flags) 
 
 extern "C" ssize_t recv(int fd, void* buffer, size_t length, int flags) {
     static auto* const call = real<decltype(recv)>("recv");
+    ++interposed::recv_calls;
     if (fails_with(std::exchange(interposed::recv_error_once, 0))) return -1;
     return call(fd, buffer, length, flags);
 }

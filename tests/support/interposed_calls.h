@@ -14,6 +14,9 @@ extern int accept_error;
 /// errno that the next recv() on any descriptor fails with, once; 0 lets it through.
 extern int recv_error_once;
 
+/// How often recv() was called.
+extern int recv_calls;
+
 /// Most bytes that one send() may take; 0 for no limit.
 extern int send_limit;
 

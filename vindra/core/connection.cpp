@@ -4,7 +4,12 @@
 
 connection::connection() : last_active(std::time(nullptr)) {}
 
-connection::~connection() = default;
+connection::~connection() {
+    if (may_rest_) {
+        connection_pool::note_untouched(this, send_buffer + send_buffer_used_,
+                                        send_buffer + send_buffer_size);
+    }
+}
 
 connection*& connection::selected() {
     static connection* conn = nullptr;
@@ -15,12 +20,14 @@ void connection::wake() {
     roster::wake(*this);
 }
 
-bool connection::may_rest_() const {
-    return rests_ && resting_class_ != nullptr && typeid(*this) == *resting_class_;
+void connection::find_out_whether_it_may_rest_() {
+    asked_ = true;
+    may_rest_ = resting_class_ != nullptr && typeid(*this) == *resting_class_;
 }
 
 void connection::trim_send_buffer_() {
-    connection_pool::give_back_pages(send_buffer, static_cast<std::size_t>(send_buffer_used_));
+    connection_pool::give_back_pages(send_buffer, send_buffer + send_buffer_used_,
+                                     send_buffer + send_buffer_size);
     send_buffer_used_ = 0;
 }
 

@@ -94,10 +94,15 @@ public:
 
 protected:
     /// For the constructor of a class whose on_send() calls rest() when it has nothing to give
-    /// until new input arrives or wake() is called. A busy server then leaves connections of
-    /// exactly that class, `own_class` being its typeid, alone meanwhile. Those of classes
-    /// derived from it are asked every turn, whatever their base says, unless they call this too.
+    /// until new input arrives or wake() is called, and writes nothing into the buffer behind
+    /// the bytes that it gives. A busy server then leaves connections of exactly that class,
+    /// `own_class` being its typeid, alone meanwhile. Those of classes derived from it are asked
+    /// every turn, whatever their base says, unless they call this too.
     void may_rest_as(const std::type_info& own_class) { resting_class_ = &own_class; }
+
+    /// For whoever gives a connection its socket: that is one of TCP, where a read that brings
+    /// less than it has room for leaves nothing behind. Saves the read that would find that out.
+    void reads_tcp() { reads_tcp_ = true; }
 
     /// For on_send(), together with an answer of true and no bytes.
     void rest() { rests_ = true; }
@@ -106,11 +111,20 @@ private:
     friend class roster;
     friend class server_base;
 
-    bool may_rest_() const;
+    void begin_asking_() {
+        rests_ = false;
+        if (!asked_) find_out_whether_it_may_rest_();
+    }
+    void find_out_whether_it_may_rest_();
+    void prefetch_() const;
     void trim_send_buffer_();
 
     roster::entry roster_entry_;
     const std::type_info* resting_class_ = nullptr;
+    bool reads_tcp_ = false;
+    bool asked_ = false;
+    /// This object is of the class that called may_rest_as() last. Known once it is asked.
+    bool may_rest_ = false;
     /// The last on_send() has called rest().
     bool rests_ = false;
     /// How far `send_buffer` has been filled since its pages were last given back.

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 #include <new>
+#include <utility>
 #include <vector>
 
 #include <sys/mman.h>
@@ -65,6 +66,16 @@ struct region {
     bool in_use[slots_per_region] = {};
 };
 
+// A part of an object that nothing was ever written to.
+struct gap {
+    const void* storage = nullptr;
+    char* begin = nullptr;
+    char* end = nullptr;
+};
+
+// Of the object whose destructor ran last.
+gap noted;
+
 // All slots of one size.
 class slot_class {
 public:
@@ -79,8 +90,8 @@ public:
         return slot;
     }
 
-    void give_back(char* slot, std::size_t size) {
-        wipe(slot, size);
+    void give_back(char* slot, std::size_t size, const gap& untouched) {
+        wipe(slot, size, untouched);
         mark(slot, false);
         if (free_.size() >= warm_slots_max) discard_all_pages(slot);
         free_.push_back(slot);
@@ -130,7 +141,7 @@ private:
         r.in_use[static_cast<std::size_t>(slot - r.begin) / stride_] = used;
     }
 
-    static void wipe(char* slot, std::size_t size) {
+    static void wipe(char* slot, std::size_t size, const gap& untouched) {
         char* const end = slot + size;
         char* const cold_begin = page_ceiling(slot + std::min(warm_head, size));
         char* const cold_end = page_floor(end - std::min(warm_tail, size));
@@ -139,7 +150,8 @@ private:
             return;
         }
         std::memset(slot, 0, static_cast<std::size_t>(cold_begin - slot));
-        discard(cold_begin, cold_end);
+        discard(cold_begin, std::min(page_ceiling(untouched.begin), cold_end));
+        discard(std::max(page_floor(untouched.end), cold_begin), cold_end);
         std::memset(cold_end, 0, static_cast<std::size_t>(end - cold_end));
     }
 
@@ -190,13 +202,18 @@ void* allocate(std::size_t size) {
 
 void release(void* storage, std::size_t size) {
     char* slot = static_cast<char*>(storage);
-    class_for(size).give_back(slot, size);
+    const gap none{storage, slot, slot};
+    const gap untouched = std::exchange(noted, gap{});
+    class_for(size).give_back(slot, size, untouched.storage == storage ? untouched : none);
     poison(slot, size);
 }
 
-void give_back_pages(void* begin, std::size_t size) {
-    char* const first = static_cast<char*>(begin);
-    discard(page_ceiling(first), page_floor(first + size));
+void give_back_pages(char* begin, char* used_end, char* end) {
+    discard(page_ceiling(begin), std::min(page_ceiling(used_end), page_floor(end)));
+}
+
+void note_untouched(const void* storage, char* begin, char* end) {
+    noted = {storage, begin, end};
 }
 
 } // namespace connection_pool

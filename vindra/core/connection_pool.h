@@ -17,12 +17,17 @@ namespace connection_pool {
 void* allocate(std::size_t size);
 
 /// Takes `storage` back, `size` being what it was allocated with. Its bytes are wiped, and
-/// the pages between its first and its last ones returned to the kernel.
+/// the pages between its first and its last ones returned to the kernel, unless
+/// note_untouched() has said that they never came.
 void release(void* storage, std::size_t size);
 
-/// Hands the whole pages among `size` bytes of a slot in use back to the kernel: they read zero
-/// from then on.
-void give_back_pages(void* begin, std::size_t size);
+/// Hands the pages of [begin, used_end) back to the kernel, all that lie within [begin, end): they
+/// read zero from then on. For the send buffer of a slot in use.
+void give_back_pages(char* begin, char* used_end, char* end);
+
+/// Says of the object at `storage`, just before its release(), that nothing has been written to
+/// [begin, end) of it, so that nothing need be wiped there.
+void note_untouched(const void* storage, char* begin, char* end);
 
 /// Free slots that keep their first and last pages for the next connection; the pages of
 /// those beyond are returned too.

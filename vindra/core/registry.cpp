@@ -14,6 +14,7 @@ namespace {
 constexpr unsigned read_events = EPOLLIN | EPOLLRDNORM | EPOLLRDBAND | EPOLLHUP | EPOLLERR;
 constexpr unsigned write_events = EPOLLOUT | EPOLLWRNORM | EPOLLWRBAND | EPOLLERR;
 constexpr unsigned urgent_events = EPOLLPRI;
+constexpr unsigned end_events = EPOLLRDHUP | EPOLLHUP | EPOLLERR;
 
 static_assert(EPOLLIN == POLLIN && EPOLLOUT == POLLOUT && EPOLLPRI == POLLPRI &&
                   EPOLLHUP == POLLHUP && EPOLLERR == POLLERR,
@@ -47,7 +48,7 @@ void registry::on_set(int fd) {
 
     watch& w = at(fd);
     w.watched = false;
-    w.may_read = w.may_be_urgent = w.full = false;
+    w.may_read = w.may_be_urgent = w.ending = w.full = false;
     if (!w.changed) changed_.push_back(fd);
     w.changed = true;
 }
@@ -223,6 +224,7 @@ void registry::on_news(const epoll_event& event) {
     // News of a socket that was closed here but lives on as a copy somewhere else.
     if (!all.test(fd) || event.data.u64 != pack(fd, w.life)) return;
 
+    if ((event.events & end_events) != 0) w.ending = true;
     if ((event.events & read_events) != 0) {
         w.may_read = true;
         report(readable, fd);

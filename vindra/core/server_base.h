@@ -6,6 +6,7 @@
 #include "vindra/core/connection.h"
 #include "vindra/core/roster.h"
 
+#include <cstddef>
 #include <ctime>
 
 /// A listening socket and the connections it drives: all of a server that does not depend on
@@ -111,6 +112,7 @@ private:
     void choose_walk_(std::time_t now);
     void restart_after_failed_wait_();
     void service_(connection& conn, char* receive_buffer, std::time_t now);
+    bool has_emptied_(const connection& conn, std::ptrdiff_t count, int length) const;
     void read_(connection& conn, char* receive_buffer, std::time_t now);
     void write_(connection& conn, std::time_t now);
     void ask_(connection& conn, std::time_t now);
@@ -120,6 +122,13 @@ private:
 
     /// In use while there are more than `plain_walk_max` connections.
     roster roster_{connections};
+    /// Second in which spare memory was last given back.
+    std::time_t last_trim_ = 0;
+
+    /// The connection whose last read has emptied its socket; null outside the reading of one.
+    const connection* emptied_ = nullptr;
+    bool reading_ = false;
+
     /// Second of the last turn that visited every connection.
     std::time_t last_full_turn_ = 0;
 };
