@@ -100,7 +100,7 @@ protected:
 
     /// Up to this many connections are all visited in every turn; beyond, those that have
     /// nothing to do are left out of most. A test sets it to compare the two.
-    int plain_walk_max = 256;
+    int plain_walk_max = 32;
 
 private:
     template <typename Visit>

@@ -17,7 +17,11 @@ base::hashmap<int>& reverse_proxy::hosts() {
 void reverse_proxy::on_headers() {
     const std::string host = get_header("host", headers);
     const int mapped_port = hosts().get(host);
-    std::puts(("[" + host + "] " + info(true)).c_str());
+    std::string line = "[";
+    line += host;
+    line += "] ";
+    line += info(true);
+    std::puts(line.c_str());
 
     switch (mapped_port) {
     case echo_port:
@@ -46,7 +50,15 @@ void reverse_proxy::forward_to_(int mapped_port) {
 
     // The peer's address comes in a line of its own behind all others, so that a backend can
     // tell it from what the client has claimed.
-    pipe->to_backend += method + " " + url + " " + version + "\r\n";
-    pipe->to_backend += copy_headers(headers);
-    pipe->to_backend += "X-Forwarded-For: " + ipv4_text(address) + "\r\n\r\n";
+    base::byte_queue& request = pipe->to_backend;
+    for (const std::string* word : {&method, &url}) {
+        request += *word;
+        request += " ";
+    }
+    request += version;
+    request += "\r\n";
+    request += copy_headers(headers);
+    request += "X-Forwarded-For: ";
+    request += ipv4_text(address);
+    request += "\r\n\r\n";
 }
