@@ -1,0 +1,53 @@
+// The loader's cache: printable runs of any file, and the lines that name a library.
+
+#include "vindra/tls/import.h"
+
+#include "fuzz/fuzz.h"
+
+#include <string>
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace {
+
+std::string strings_plainly(const std::string& bytes) {
+    std::string all;
+    std::string run;
+    for (const char c : bytes) {
+        const auto value = static_cast<unsigned char>(c);
+        if (value >= 0x20 && value <= 0x7F) {
+            run += c;
+            continue;
+        }
+        if (run.size() >= 5) all += run + "\n";
+        run.clear();
+    }
+    return all;
+}
+
+std::string name_plainly(const std::string& cache, const std::string& name) {
+    const auto found = cache.find("/" + name);
+    if (found == std::string::npos) return name;
+    return cache.substr(found + 1, cache.find('\n', found) - found - 1);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const int file = memfd_create("cache", MFD_CLOEXEC);
+    static const std::string path = "/proc/self/fd/" + std::to_string(file);
+    source in(data, size);
+    const std::string name(in.until('\n'));
+    const std::string bytes(in.rest());
+    require(ftruncate(file, 0) == 0 &&
+                pwrite(file, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size()),
+            "the file can be written");
+
+    std::string found = "kept\n";
+    require(get_strings(path, found) == 1, "the file can be read");
+    require(found == "kept\n" + strings_plainly(bytes), "every run of five and more is there");
+    require(import_file_name(found, name) == name_plainly(found, name),
+            "the name is what stands behind the slash");
+    return 0;
+}
