@@ -1,10 +1,20 @@
-# What `cmake --install` puts where: the program, both libraries, the headers that a consumer
-# can include, and what CMake and pkg-config need to find them.
+# What `cmake --install` puts where: the program with its manual page and completions, both
+# libraries, the headers that a consumer can include, and what CMake and pkg-config need to find
+# them.
 include(CMakePackageConfigHelpers)
 
 set(vindra_package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/vindra")
 
 install(TARGETS vindra)
+install(FILES "${PROJECT_SOURCE_DIR}/packaging/vindra.1" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
+set(vindra_completions "${PROJECT_SOURCE_DIR}/packaging/completions")
+install(FILES "${vindra_completions}/vindra.bash"
+        DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" RENAME vindra)
+install(FILES "${vindra_completions}/_vindra"
+        DESTINATION "${CMAKE_INSTALL_DATADIR}/zsh/site-functions")
+install(FILES "${vindra_completions}/vindra.fish"
+        DESTINATION "${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d")
+
 install(TARGETS vindra_library vindra_shared vindra_usage EXPORT vindraTargets)
 install(EXPORT vindraTargets NAMESPACE vindra:: DESTINATION "${vindra_package_dir}")
 

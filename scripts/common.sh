@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Sourced by ./run and ./test: quiet steps, and Debian packages where something is missing.
+# Sourced by the scripts: quiet steps, and Debian packages where something is missing.
 # Expects `root` to name the checkout.
 # shellcheck disable=SC2154
 
@@ -24,6 +24,8 @@ quietly() {
 have() {
     case $1 in
         abigail-tools) command -v abidw ;;
+        build-essential) dpkg-query -W -f '${db:Status-Status}\n' "$1" | grep -Fx installed ;;
+        debhelper) command -v dh ;;
         ninja-build) command -v ninja ;;
         nginx-light) command -v nginx ;;
         chromium-driver) command -v chromedriver ;;
@@ -61,4 +63,9 @@ need_cmake() {
     local found
     found=$(cmake --version | sed -n '1s/[^0-9]*//p')
     printf '%s\n%s\n' "$1" "$found" | sort -V -C || fail "needs cmake $1 or later, found $found"
+}
+
+# tree_version: the number that CMake gives to what it builds.
+tree_version() {
+    sed -n 's/^  VERSION \([0-9.]*\)$/\1/p' "$root/CMakeLists.txt"
 }
