@@ -17,6 +17,19 @@ def tracked(*suffixes):
     return [name for name in names if not suffixes or name.endswith(suffixes)]
 
 
+def scripts(*interpreters):
+    """Tracked files that name one of the interpreters in their first line."""
+    def interpreter(name):
+        with open(ROOT / name, "rb") as file:
+            line = file.readline(100)
+        if not line.startswith(b"#!"):
+            return None
+        path, *words = line[2:].decode("latin-1").split()
+        return words[0] if path == "/usr/bin/env" else pathlib.PurePath(path).name
+
+    return [name for name in tracked() if interpreter(name) in interpreters]
+
+
 def report(check, findings):
     """Prints a line a finding; the exit status says whether there were any."""
     for finding in findings:

@@ -83,9 +83,6 @@ def port():
         yield held.port
 
 
-
-
-
 @pytest.mark.parametrize("program", ["with_static", "with_shared"])
 def test_find_package_gives_a_library_that_was_started_before_main(found, port, program):
     with running(found / program, port):

@@ -6,7 +6,7 @@ import zlib
 
 import pytest
 
-from support.browser import chromium, load
+from support.browser import load
 from support.waiting import wait_until
 
 ASSETS = 50
