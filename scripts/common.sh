@@ -26,6 +26,7 @@ have() {
         abigail-tools) command -v abidw ;;
         build-essential) dpkg-query -W -f '${db:Status-Status}\n' "$1" | grep -Fx installed ;;
         debhelper) command -v dh ;;
+        diffoscope-minimal) command -v diffoscope ;;
         ninja-build) command -v ninja ;;
         nginx-light) command -v nginx ;;
         chromium-driver) command -v chromedriver ;;

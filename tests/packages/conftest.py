@@ -8,7 +8,7 @@ import pytest
 
 from support.program import ROOT
 
-TOOLS = ["dpkg-deb", "fakeroot", "lintian", "pkg-config"]
+TOOLS = ["dpkg-deb", "fakeroot", "git", "lintian", "pkg-config"]
 
 
 def pytest_configure():
