@@ -27,6 +27,7 @@ have() {
         build-essential) dpkg-query -W -f '${db:Status-Status}\n' "$1" | grep -Fx installed ;;
         debhelper) command -v dh ;;
         diffoscope-minimal) command -v diffoscope ;;
+        fail2ban) command -v fail2ban-regex ;;
         ninja-build) command -v ninja ;;
         nginx-light) command -v nginx ;;
         chromium-driver) command -v chromedriver ;;
