@@ -19,6 +19,7 @@ COPYRIGHT = "/usr/share/doc/{}/copyright"
 EXECUTABLES = {
     "/usr/bin/vindra",
     "/usr/share/doc/vindra/examples/dehydrated-hook",
+    "/usr/share/doc/vindra/examples/lego-hook",
     "/usr/share/doc/vindra/examples/vindra-certificate",
 }
 OPTIONS = ["--force-not-root", "--force-script-chrootless", "--force-depends", "--log=/dev/null"]
