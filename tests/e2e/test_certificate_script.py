@@ -22,7 +22,8 @@ class Machine:
         (folder / "bin").mkdir()
         self._tool("systemctl", f'echo "$*" >>{folder}/noted')
         # The group need not exist here, and its owner need not be root.
-        self._tool("install", f'echo "$2 $4 ${{6##*/}}" >>{folder}/noted; exec /usr/bin/install -m "$2" "$5" "$6"')
+        self._tool("install", f'echo "$2 $4 ${{6##*/}}" >>{folder}/noted\n'
+                              'exec /usr/bin/install -m "$2" "$5" "$6"')
 
     def _tool(self, name, text):
         tool = self.folder / "bin" / name
