@@ -32,6 +32,7 @@ have() {
         nginx-light) command -v nginx ;;
         chromium-driver) command -v chromedriver ;;
         libssl3) ldconfig -p | grep -F libssl.so. ;;
+        python3-matplotlib) /usr/bin/python3 -c 'import matplotlib' ;;
         python3-pytest) /usr/bin/python3 -c 'import pytest' ;;
         python3-pytest-timeout) /usr/bin/python3 -c 'import pytest_timeout' ;;
         python3-selenium) /usr/bin/python3 -c 'import selenium' ;;

@@ -1,0 +1,1 @@
+"""What bench/run and bench/report are made of."""
