@@ -73,3 +73,17 @@ def goal_table(results):
     lines += [[row.title, goal.text, reached(goal, value), "yes" if met else "NO"]
               for row, goal, value, met in goals(results)]
     return aligned(lines) + "\n" if len(lines) > 1 else ""
+
+
+def micro_table(found):
+    """The micro-benchmarks."""
+    return aligned(micro_lines(found)) + "\n"
+
+
+def micro_lines(found):
+    """Cells of the micro-benchmarks, the heading first."""
+    lines = [["part", "ns", "GiB/s"]]
+    for one in found:
+        rate = one.get("bytes_per_second")
+        lines.append([one["name"], written(one["cpu_time"]), written(rate / 2**30) if rate else ""])
+    return lines
