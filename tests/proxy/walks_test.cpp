@@ -77,9 +77,10 @@ protected:
     int id_;
 };
 
-// Base with its calls written down, but for those of on_send() that gave nothing and stay.
+// Base with its calls written down, but for those of on_send() that gave nothing and stay. The
+// actor comes first: the sanitizer takes a base that stands a mebibyte into its object for none.
 template <typename Base>
-class recorded : public Base, public actor {
+class recorded : public actor, public Base {
 public:
     recorded(world& home, int number) : actor(home, number) {}
 
