@@ -101,9 +101,16 @@ def make_credentials(folder):
 
 def micro(build, seconds):
     """The micro-benchmarks of bench/micro, on the processor of the servers; a list as they report it."""
+    programs = sorted((build / "bench/micro").glob("*_bench"))
+    if not programs:
+        raise Failure(f"there are no micro-benchmarks in {build / 'bench/micro'}")
     found = []
-    for program in sorted((build / "bench/micro").glob("*_bench")):
-        said = said_by("taskset", "-c", "0", program, "--benchmark_format=json", f"--benchmark_min_time={seconds}")
-        found += json.loads(said[said.index("\n{") if not said.startswith("{") else 0:])["benchmarks"]
+    for program in programs:
+        result = subprocess.run(["taskset", "-c", "0", program, "--benchmark_format=json",
+                                 f"--benchmark_min_time={seconds}"],
+                                stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False)
+        if result.returncode:
+            raise Failure(f"{program.name} fails: {result.stderr.strip()}")
+        found += json.loads(result.stdout)["benchmarks"]
     return [{key: one[key] for key in ("name", "cpu_time", "time_unit", "bytes_per_second") if key in one}
             for one in found]

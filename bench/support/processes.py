@@ -15,6 +15,7 @@ from support.failure import Failure
 START_LIMIT = 20
 STOP_LIMIT = 10
 SET_DEATH_SIGNAL = 1
+STOPPING = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
 LIBC = ctypes.CDLL(None, use_errno=True)
 
 
@@ -34,29 +35,52 @@ def held_port():
 
 
 @contextlib.contextmanager
-def running(core, command, stop_signal=signal.SIGTERM, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-            stderr=None):
+def undisturbed():
+    """Puts the signals that end a run off: nothing is started and forgotten, or stopped by half."""
+    before = signal.pthread_sigmask(signal.SIG_BLOCK, STOPPING)
+    try:
+        yield before
+    finally:
+        signal.pthread_sigmask(signal.SIG_SETMASK, before)
+
+
+@contextlib.contextmanager
+def running(core, command, stop_signal=signal.SIGTERM, **streams):
     """A process on one processor. The signal that stops it in order comes also when this script is killed."""
     parent = os.getpid()
 
     def prepare():
+        signal.pthread_sigmask(signal.SIG_UNBLOCK, STOPPING)
         os.sched_setaffinity(0, {core})
         LIBC.prctl(SET_DEATH_SIGNAL, int(stop_signal))
         if os.getppid() != parent:
             os._exit(1)
 
-    process = subprocess.Popen([str(word) for word in command], stdin=stdin, stdout=stdout, stderr=stderr,
-                               preexec_fn=prepare, env={**os.environ, "PATH": search_path()})
+    process = None
     try:
+        with undisturbed():
+            process = subprocess.Popen([str(word) for word in command], preexec_fn=prepare,
+                                       env={**os.environ, "PATH": search_path()},
+                                       **{"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, **streams})
         yield process
     finally:
-        if process.poll() is None:
-            process.send_signal(stop_signal)
-        try:
-            process.wait(STOP_LIMIT)
-        except subprocess.TimeoutExpired:
-            process.kill()
-            process.wait()
+        with undisturbed():
+            end(process, stop_signal)
+
+
+def end(process, stop_signal):
+    """Stops a process in order, or else at once; returns when it is gone."""
+    if not process:
+        return
+    if process.poll() is None:
+        process.send_signal(stop_signal)
+    try:
+        process.wait(STOP_LIMIT)
+    except subprocess.TimeoutExpired:
+        process.kill()
+        process.wait()
+    if process.stdout:
+        process.stdout.close()
 
 
 def await_listener(process, port):

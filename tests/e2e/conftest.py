@@ -13,7 +13,7 @@ from support.ports import HeldPort, OccupiedPort
 from support.program import Program, example_path, program_path
 from support.recorder import Recorder
 
-TOOLS = ["nginx", "curl", "wrk", "chromium", "chromedriver", "openssl",
+TOOLS = ["nginx", "haproxy", "curl", "wrk", "chromium", "chromedriver", "openssl",
          "pebble", "pebble-challtestsrv", "lego"]
 PHASE_LIMIT = 60
 

@@ -1,0 +1,89 @@
+"""bench/run and bench/report: that they run and what they refuse, not how fast anything is."""
+
+import json
+import os
+import pathlib
+import signal
+import subprocess
+
+import pytest
+
+from support.program import program_path
+from support.waiting import wait_until
+
+BENCH = pathlib.Path(__file__).resolve().parents[2] / "bench"
+SERVERS = {"vindra", "nginx", "nginx with log", "haproxy", "haproxy with log", "floor"}
+
+
+def bench(script, *words):
+    build = program_path().parents[1]
+    return subprocess.run([BENCH / script, *map(str, words)], stdin=subprocess.DEVNULL, capture_output=True,
+                          text=True, timeout=60, check=False, env={**os.environ, "VINDRA_BUILD": str(build)})
+
+
+def descendants(pid):
+    """Every process below one, as the kernel lists them."""
+    found = []
+    for children in pathlib.Path(f"/proc/{pid}/task").glob("*/children"):
+        for child in children.read_text().split():
+            found += [int(child), *descendants(int(child))]
+    return found
+
+
+@pytest.mark.parametrize("words", [
+    ["--rounds", "0"], ["--rounds", "many"], ["--rounds"], ["--seconds", "-1"], ["--seconds", "nan"],
+    ["--only", "nothing"], ["--only", "get_1", "--only", "nothing"], ["--unknown"], ["word"],
+    ["--json", "/nowhere/at/all.json"], ["--out", "/nowhere/at/all"],
+], ids=" ".join)
+def test_run_refuses_a_wrong_argument_in_one_line(words):
+    refused = bench("run", *words)
+    assert refused.returncode == 2
+    assert refused.stdout == ""
+    assert refused.stderr.startswith("run: ") and refused.stderr.count("\n") == 1, refused.stderr
+
+
+def test_a_short_run_leaves_numbers_and_a_page_of_them(tmp_path):
+    numbers = tmp_path / "numbers.json"
+    run = bench("run", "--rounds", 1, "--seconds", 0.3, "--only", "get_64", "--json", numbers)
+    assert (run.returncode, run.stderr) == (0, "")
+    assert "keep-alive GET of 100 bytes, 64 connections" in run.stdout
+    found = json.loads(numbers.read_text())["rows"]["get_64"]
+    assert set(found) == SERVERS
+    for rounds in found.values():
+        assert len(rounds) == 1 and rounds[0]["requests"] > 0 and rounds[0]["us_per_request"] > 0
+
+    pages = [tmp_path / "first", tmp_path / "second"]
+    for page in pages:
+        written = bench("report", numbers, page)
+        assert (written.returncode, written.stderr) == (0, "")
+    text = (pages[0] / "benchmarks.md").read_text()
+    assert "{{" not in text and "at most 1.10 of the floor" in text
+    names = sorted(path.relative_to(pages[0]) for path in pages[0].rglob("*.*"))
+    assert [str(name) for name in names] == ["benchmarks.md", "pictures/cost_per_request.svg"]
+    for name in names:
+        assert (pages[0] / name).read_bytes() == (pages[1] / name).read_bytes()
+
+
+@pytest.mark.parametrize("words", [[], ["/nowhere/at/all.json"], ["a", "b", "c"], [BENCH / "reasons.toml"]],
+                         ids=["none", "missing", "three", "not numbers"])
+def test_report_refuses_what_is_no_run_in_one_line(words, tmp_path):
+    refused = bench("report", *words)
+    assert refused.returncode != 0
+    assert refused.stderr.startswith("report: ") and refused.stderr.count("\n") == 1, refused.stderr
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT], ids=lambda number: number.name)
+def test_a_run_that_is_ended_ends_what_it_started(number):
+    build = program_path().parents[1]
+    with subprocess.Popen([BENCH / "run", "--only", "get_1", "--seconds", "60"], stdin=subprocess.DEVNULL,
+                          stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+                          env={**os.environ, "VINDRA_BUILD": str(build)}) as run:
+        def loaded():
+            names = [pathlib.Path(f"/proc/{pid}/comm").read_text().strip() for pid in descendants(run.pid)]
+            return "wrk" in names
+        wait_until(loaded, "the load")
+        started = descendants(run.pid)
+        run.send_signal(number)
+        assert run.wait(30) == 1
+        assert run.stderr.read() == b""
+    assert not [pid for pid in started if pathlib.Path(f"/proc/{pid}").exists()]
