@@ -38,7 +38,7 @@ namespace {
 using steady = std::chrono::steady_clock;
 
 constexpr auto pause_between_pieces = std::chrono::milliseconds(1);
-constexpr std::size_t buffer_size = 1024 * 1024;
+constexpr std::size_t buffer_size = 1048576;
 
 // One client. `head` grows until its blank line; then `body_left` bytes follow.
 struct client {

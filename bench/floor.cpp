@@ -34,7 +34,7 @@ struct end {
 };
 
 // Holds what a bulk transfer brings at a time and still fits the processor's second cache.
-constexpr std::size_t buffer_size = 256 * 1024;
+constexpr std::size_t buffer_size = 262144;
 
 char buffer[buffer_size];
 std::vector<end*> gone;

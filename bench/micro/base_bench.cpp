@@ -131,7 +131,7 @@ void sha1(benchmark::State& state) {
     count_bytes(state);
 }
 
-constexpr int mebibyte = 1 << 20;
+constexpr std::int64_t mebibyte = 1048576;
 
 BENCHMARK(append_take<base::byte_queue>)
     ->Name("byte_queue: in and out")

@@ -75,7 +75,8 @@ void request(benchmark::State& state, std::size_t piece) {
             conn->on_recv(wire.data() + at, static_cast<int>(std::min(piece, wire.size() - at)));
         conn->reset();
     }
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * wire.size()));
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) *
+                            static_cast<std::int64_t>(wire.size()));
 }
 
 void get_header(benchmark::State& state, const std::string& name) {
