@@ -18,11 +18,12 @@ install(FILES "${vindra_completions}/vindra.fish"
 install(TARGETS vindra_library vindra_shared vindra_usage EXPORT vindraTargets)
 install(EXPORT vindraTargets NAMESPACE vindra:: DESTINATION "${vindra_package_dir}")
 
-# The two that are left out serve the library's own sources; no other header includes them.
+# The three that are left out serve the library's own sources; no other header includes them.
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/vindra"
         DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
         FILES_MATCHING
         PATTERN "*.h"
+        PATTERN backend_address.h EXCLUDE
         PATTERN connection_pool.h EXCLUDE
         PATTERN registry.h EXCLUDE)
 
