@@ -6,6 +6,7 @@
 #include "vindra/proxy/backend_address.h"
 #include "vindra/proxy/proxy_connection.h"
 
+#include <cerrno>
 #include <cstdio>
 
 #include <netinet/in.h>
@@ -111,7 +112,12 @@ int begin_connecting(const backend_address& where) {
     if (fd == -1) return -1;
     const int on = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    static_cast<void>(connect(fd, reinterpret_cast<const sockaddr*>(&where.address), where.length));
+    // One that fails on the spot (no local port is left, say) would report itself readable and give
+    // an error at every read, for good. Shut down, it shows the same end as one refused later.
+    const auto* const address = reinterpret_cast<const sockaddr*>(&where.address);
+    if (connect(fd, address, where.length) != 0 && errno != EINPROGRESS && errno != EINTR) {
+        shutdown(fd, SHUT_RDWR);
+    }
     return fd;
 }
 

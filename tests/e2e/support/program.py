@@ -148,7 +148,8 @@ class Program:
         self._reader.join(PATIENCE)
         self._process.stdout.close()
         self._errors.seek(0)
-        assert self._errors.read() == b""
+        errors = self._errors.read()
+        assert errors == b"", errors.decode(errors="replace")
         return status
 
     def stop(self):
