@@ -135,6 +135,14 @@ TEST_F(http_proxy_test, a_host_with_none_but_ipv6_addresses_cannot_be_reached) {
     EXPECT_NE(lines.find("No addresses worked for host ::1:80.\n"), std::string::npos) << lines;
 }
 
+TEST_F(http_proxy_test, nothing_is_blocked_unless_an_application_says_so) {
+    class open_proxy : public http_proxy {
+    public:
+        using http_proxy::should_block;
+    };
+    EXPECT_FALSE(std::unique_ptr<open_proxy>(new open_proxy)->should_block("blocked.example"));
+}
+
 TEST_F(http_proxy_test, bytes_behind_a_502_harm_nobody) {
     far_end client = front_.connect();
     client.send("GET /x HTTP/1.1\r\n\r\nmore");
