@@ -1,0 +1,6 @@
+"""What tests/long/run is made of: one campaign a file."""
+
+import pathlib
+import sys
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "e2e"))
