@@ -58,7 +58,7 @@ def bars(results, path, label, figure, groups):
     if not groups:
         return False
     width = 0.8 / len(servers)
-    drawing, axes = pyplot.subplots(figsize=(max(4.5, 1.6 + 1.5 * len(groups)), 3.2))
+    drawing, axes = pyplot.subplots(figsize=(max(5.5, 2.6 + 1.2 * len(groups)), 3.2))
     for number, server in enumerate(servers):
         places, heights, below, above = [], [], [], []
         for place, row in enumerate(groups):
@@ -82,7 +82,7 @@ def beside_idle(results, path):
     there = [count for count in IDLE if f"idle_{count}" in results]
     if len(there) < 2:
         return False
-    drawing, axes = pyplot.subplots(figsize=(4.5, 3.2))
+    drawing, axes = pyplot.subplots(figsize=(5.5, 3.2))
     for server in read.taken({f"idle_{count}": results[f"idle_{count}"] for count in there}):
         found = [read.of(results, f"idle_{count}", server, "us_per_request") for count in there]
         middle = [statistics.median(one) for one in found]
@@ -99,4 +99,4 @@ def beside_idle(results, path):
 
 def finish(axes):
     axes.spines[["top", "right"]].set_visible(False)
-    axes.legend(frameon=False, fontsize=8)
+    axes.legend(frameon=False, fontsize=8, loc="upper left", bbox_to_anchor=(1, 1))
