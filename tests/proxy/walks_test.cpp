@@ -12,6 +12,7 @@
 #include "tests/support/far_end.h"
 #include "tests/support/frames.h"
 
+#include <algorithm>
 #include <climits>
 #include <ctime>
 #include <map>
@@ -32,6 +33,9 @@ namespace {
 // The clock, which the script turns by hand.
 std::time_t now = 1000000;
 
+// Milliseconds that a wait was to last at most, since the test has looked last.
+int longest_wait = 0;
+
 template <typename Function>
 Function* real(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
@@ -45,13 +49,15 @@ extern "C" std::time_t time(std::time_t* result) noexcept {
 }
 
 // All that the script has done is there by now, so no wait needs to last.
-extern "C" int epoll_wait(int epfd, epoll_event* events, int most, int /*timeout*/) {
+extern "C" int epoll_wait(int epfd, epoll_event* events, int most, int timeout) {
     static auto* const call = real<decltype(epoll_wait)>("epoll_wait");
+    longest_wait = std::max(longest_wait, timeout);
     return call(epfd, events, most, 0);
 }
 
-extern "C" int poll(pollfd* fds, nfds_t count, int /*timeout*/) {
+extern "C" int poll(pollfd* fds, nfds_t count, int timeout) {
     static auto* const call = real<decltype(poll)>("poll");
+    longest_wait = std::max(longest_wait, timeout);
     return call(fds, count, 0);
 }
 
@@ -295,7 +301,8 @@ void relay::on_headers() {
         pipe->to_client += "answered here";
         return;
     }
-    if (!attached() || url == "/other") {
+    if (!attached() || backend_port == 0 || url == "/other") {
+        backend_port = 1;
         renew_pipe();
         auto* const conn = new proxy_connection(-1, pipe);
         timeout = -1;
@@ -528,6 +535,76 @@ TEST_F(rest_test, is_safe_where_others_take_connections_out_of_the_list) {
     turn();
     EXPECT_EQ(conn_->asked, asked + 1);
 }
+
+// How long the loop would sleep, were there no news, in each of two states of the roster.
+class haste_test : public testing::TestWithParam<int> {
+protected:
+    void turn() {
+        sockets::select_all();
+        first_.update();
+        http_proxy::g_server() = &first_.the_server;
+        second_.the_server.update();
+        http_proxy::g_server() = nullptr;
+    }
+
+    int next_wait() {
+        longest_wait = 0;
+        sockets::select_all();
+        return longest_wait;
+    }
+
+    world first_{"first", GetParam()};
+    world second_{"second", GetParam()};
+};
+
+// The backend's connection stands in the first server's list, the client's in the second's.
+class relay_to_first : public relay {
+public:
+    relay_to_first(world& home, int number, world& backends)
+        : relay(home, number), backends_(backends) {}
+
+    void on_headers() override {
+        if (backend_port == 0) {
+            backend_port = 1;
+            renew_pipe();
+            backends_.enter(new proxy_connection(-1, pipe));
+        }
+        pipe->to_backend += url;
+    }
+
+private:
+    world& backends_;
+};
+
+TEST_P(haste_test, work_for_a_server_that_had_its_turn_is_not_slept_over) {
+    auto* const client = new relay_to_first(second_, 0, first_);
+    second_.enter(client);
+    for (int i = 0; i < 5; ++i) turn();
+    second_.far.at(0).send("GET /1 HTTP/1.1\r\n\r\n");
+    for (int i = 0; i < 5; ++i) turn();
+    EXPECT_EQ(first_.far.at(0).receive(), "/1");
+    EXPECT_EQ(next_wait(), 100) << "there is nothing left to do";
+
+    second_.far.at(0).send("GET /2 HTTP/1.1\r\n\r\n");
+    turn();
+    EXPECT_EQ(next_wait(), 0) << "the backend's connection was asked before the request was read";
+    first_.update();
+    turn();
+    EXPECT_EQ(first_.far.at(0).receive(), "/2");
+}
+
+TEST_P(haste_test, one_that_is_passed_over_is_not_slept_over) {
+    first_.join<answerer>();
+    first_.join<application>();
+    for (int i = 0; i < 3; ++i) turn();
+    first_.far.at(0).close();
+    sockets::select_all();
+    first_.actors.at(1)->prompt();
+    first_.update();
+    EXPECT_EQ(next_wait(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(walks, haste_test, testing::Values(INT_MAX, 0));
 
 INSTANTIATE_TEST_SUITE_P(seeds, walks_test, testing::Range(0U, 12U));
 

@@ -1,5 +1,6 @@
 #include "vindra/core/abstract_server.h"
 
+#include "vindra/core/registry.h"
 #include "vindra/core/sockets.h"
 
 #include <csignal>
@@ -50,7 +51,7 @@ void abstract_server::run(abstract_server** servers) {
     while (stopped == 0) {
         sockets::select_all();
         for (abstract_server** s = servers; *s != nullptr; ++s) (*s)->update();
-        if (sockets::num_ready() != 0) continue;
+        if (!sockets::registry::instance().idle()) continue;
         for (abstract_server** s = servers; *s != nullptr; ++s) (*s)->on_idle();
     }
     announce_end();

@@ -20,8 +20,8 @@ public:
     /// One turn: called after every wait.
     virtual void update() = 0;
 
-    /// Called after a wait that found nothing ready, ten times a second at most, by the loop
-    /// that drives several servers. Must not block. Does nothing here.
+    /// Called after a wait that lasted its tenth of a second and found nothing ready, by the
+    /// loop that drives several servers. Must not block. Does nothing here.
     virtual void on_idle();
 
     /// Starts this server, then waits and updates until SIGINT; prints "Shutting down..." on

@@ -1,6 +1,7 @@
 #include "vindra/core/connection.h"
 
 #include "vindra/core/connection_pool.h"
+#include "vindra/core/sockets.h"
 
 connection::connection() : last_active(std::time(nullptr)) {}
 
@@ -18,6 +19,9 @@ connection*& connection::selected() {
 
 void connection::wake() {
     roster::wake(*this);
+    // Its server may have had its send pass of this turn: of two servers, the second one's clients
+    // bring work for backend connections of the first.
+    sockets::hurry();
 }
 
 void connection::find_out_whether_it_may_rest_() {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include <poll.h>
 #include <sys/epoll.h>
@@ -85,7 +86,10 @@ bool registry::wait(int milliseconds) {
     std::swap(marked_.words_, ready.words_);
     ready.erase_all();
 
-    if (find_ready(milliseconds)) return true;
+    const bool hurried = std::exchange(hurried_, false);
+    const bool waited = find_ready(hurried ? 0 : milliseconds);
+    idle_ = waited && !hurried && num_ready == 0;
+    if (waited) return true;
     clear_results();
     num_ready = -1;
     return false;

@@ -43,6 +43,12 @@ public:
     void drained(int fd);
     void filled(int fd);
 
+    /// Makes the next wait a look.
+    void hurry() { hurried_ = true; }
+
+    /// The last wait has lasted to its end and found nothing.
+    bool idle() const { return idle_; }
+
     /// True when news of an end of stream, a hang-up or an error of `fd` has come: the next
     /// read, or the one after, will show it.
     bool ending(int fd) { return all.test(fd) && at(fd).ending; }
@@ -109,6 +115,8 @@ private:
     void on_news(const epoll_event& event);
     void report(descriptor_set& result, int fd);
 
+    bool hurried_ = false;
+    bool idle_ = false;
     int epoll_ = -1;
     std::vector<watch> watches_;
     std::vector<int> changed_;

@@ -146,7 +146,7 @@ void server_base::restart_after_failed_wait_() {
 void server_base::choose_walk_(std::time_t now) {
     if (connections.count <= plain_walk_max) return roster_.clear();
 
-    if (roster_.in_use() && now == last_full_turn_ && sockets::num_ready() != 0) {
+    if (roster_.in_use() && now == last_full_turn_ && !sockets::registry::instance().idle()) {
         roster_.wake_ready();
     } else {
         roster_.rebuild();
@@ -282,6 +282,8 @@ void server_base::leave_alone_(connection& conn, std::time_t now) {
 
 void server_base::remove_visited_() {
     if (roster_.in_use()) roster_.strike();
+    // The one behind it is passed over, and may have something to send.
+    sockets::hurry();
     connection* conn = connections.prev->next->value;
     connections.remove();
     end_connection(conn);

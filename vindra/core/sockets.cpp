@@ -51,6 +51,9 @@ int& num_ready() {
 void drained(int fd) {
     registry::instance().drained(fd);
 }
+void hurry() {
+    registry::instance().hurry();
+}
 void filled(int fd) {
     registry::instance().filled(fd);
 }

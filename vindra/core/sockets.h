@@ -42,6 +42,10 @@ VINDRA_API int& num_ready();
 /// "select() failed! %d\n" with errno.
 VINDRA_API void select_all();
 
+/// The next wait only looks and does not sleep: something has been left for the next turn of
+/// which no socket has news.
+VINDRA_API void hurry();
+
 /// Closes `fd` and takes its number out of all five sets.
 ///
 /// The one way to close a descriptor that stands in a set: the kernel hands the same number
