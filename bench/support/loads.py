@@ -23,6 +23,8 @@ from support.servers import LOAD_CORE
 
 KIB, MIB, GIB = 1 << 10, 1 << 20, 1 << 30
 PATIENCE = 30
+# Seconds after which memory that was needed for a while should have gone back.
+GIVING_BACK = 5
 UPLOAD_BYTES = 96 * MIB
 
 # The served files by their names, and bytes of each.
@@ -284,7 +286,7 @@ class Loads:
     def backlog(self, server, path):
         """A client that asks for a file and reads nothing until all of it waits in the server."""
         self.check(server, "100")
-        spent, before = processor_seconds(server.pid), settled_bytes(server)
+        before, spent = resident_bytes(server.pid), processor_seconds(server.pid)
         with Connection(server.port, receive_buffer=256 * KIB) as client:
             client.ask(path)
             self._await_idle(server)
@@ -296,7 +298,8 @@ class Loads:
             if digest.digest() != self.digests[path]:
                 raise Failure(f"{server.name} answers /{path} with other bytes than the file's")
             spent = processor_seconds(server.pid) - spent
-            kept = settled_bytes(server) - before
+            time.sleep(GIVING_BACK)
+            kept = resident_bytes(server.pid) - before
         if queued < FILES[path] / 2:
             raise Failure(f"{server.name} holds back what a slow client does not read")
         return {
@@ -337,11 +340,11 @@ def queued_in_kernel(port):
 
 
 def settled_bytes(server):
-    """Resident memory once it has stood still for half a second, or after five."""
-    deadline, last = time.monotonic() + 5, -1
+    """Resident memory once it has stood still for two seconds, or after ten: some of it goes back with a delay."""
+    deadline, last = time.monotonic() + 10, -1
     while (now := resident_bytes(server.pid)) != last and time.monotonic() < deadline:
         last = now
-        time.sleep(0.5)
+        time.sleep(2)
     return now
 
 
