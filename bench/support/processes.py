@@ -50,6 +50,8 @@ def running(core, command, stop_signal=signal.SIGTERM, **streams):
     parent = os.getpid()
 
     def prepare():
+        for number in STOPPING:
+            signal.signal(number, signal.SIG_DFL)
         signal.pthread_sigmask(signal.SIG_UNBLOCK, STOPPING)
         os.sched_setaffinity(0, {core})
         LIBC.prctl(SET_DEATH_SIGNAL, int(stop_signal))
