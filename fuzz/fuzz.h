@@ -30,6 +30,12 @@ public:
         return value;
     }
 
+    /// Two bytes as a number, the high one first.
+    unsigned number() {
+        const unsigned high = byte();
+        return high << 8 | byte();
+    }
+
     /// A number below `limit`, which is at most 256.
     unsigned below(unsigned limit) { return byte() % limit; }
 
