@@ -1,4 +1,5 @@
-// The queue beside a string, with lengths around the size of its blocks.
+// Two queues, which share their blocks, beside a string each, with lengths around the size of a
+// block.
 
 #include "vindra/base/byte_queue.h"
 
@@ -21,46 +22,85 @@ std::size_t some_length(source& in) {
     }
 }
 
+// A queue and what it should hold.
+class twins {
+public:
+    twins() {
+        queue_.on_arrival([](void* count) { ++*static_cast<int*>(count); }, &announced_);
+    }
+
+    void act(unsigned what, std::size_t length, char fill) {
+        const std::string bytes(length, fill);
+        switch (what) {
+        case 0:
+        case 1:
+        case 2:
+            if (text_.size() > waiting_max) return;
+            arrivals_ += text_.empty() && length > 0;
+            text_ += bytes;
+            if (what == 2)
+                queue_ += bytes;
+            else
+                queue_.append(bytes.data(), length);
+            break;
+        case 6:
+            arrivals_ += length > 0;
+            text_ = bytes;
+            queue_.assign(bytes);
+            break;
+        case 7:
+            text_.clear();
+            queue_.clear();
+            base::byte_queue::give_back_pages();
+            break;
+        default:
+            take(length);
+        }
+    }
+
+    void compare() {
+        require(queue_.size() == text_.size() && queue_.empty() == text_.empty(), "as long");
+        require(queue_ == text_, "the same bytes");
+        require(announced_ == arrivals_, "each arrival is told once");
+        if (text_.empty()) return;
+        text_.back() = static_cast<char>(text_.back() ^ 1);
+        require(!(queue_ == text_), "and a wrong one is not the same");
+        text_.back() = static_cast<char>(text_.back() ^ 1);
+    }
+
+    void compare_copy() const {
+        require(static_cast<std::string>(queue_) == text_, "the same text");
+    }
+
+private:
+    // More is only slower.
+    static constexpr std::size_t waiting_max = 300000;
+
+    void take(std::size_t length) {
+        std::string out(length, '\0');
+        out.resize(queue_.take(out.data(), length));
+        require(out == text_.substr(0, length), "the front comes off in order");
+        text_.erase(0, length);
+    }
+
+    base::byte_queue queue_;
+    std::string text_;
+    int announced_ = 0;
+    int arrivals_ = 0;
+};
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     source in(data, std::min<std::size_t>(size, 200));
-    base::byte_queue queue;
-    std::string expected;
-    int announced = 0;
-    int arrivals = 0;
-    queue.on_arrival([](void* count) { ++*static_cast<int*>(count); }, &announced);
-
-    char next = 'a';
+    twins queues[2];
+    unsigned char next = 'a';
     while (!in.empty()) {
-        const unsigned what = in.below(8);
-        const std::size_t length = some_length(in);
-        if (what < 3) {
-            std::string bytes(length, next++);
-            arrivals += expected.empty() && length > 0;
-            queue.append(bytes.data(), length);
-            expected += bytes;
-        } else if (what < 6) {
-            std::string out(length, '\0');
-            out.resize(queue.take(out.data(), length));
-            require(out == expected.substr(0, length), "the front comes off in order");
-            expected.erase(0, length);
-        } else if (what < 7) {
-            const std::string bytes(length, next++);
-            arrivals += length > 0;
-            queue.assign(bytes);
-            expected = bytes;
-        } else {
-            base::byte_queue::give_back_pages();
-            if (in.below(2) != 0) {
-                queue.clear();
-                expected.clear();
-            }
-        }
-        require(queue.size() == expected.size() && queue.empty() == expected.empty(), "as long");
-        require(queue == expected, "the same bytes");
+        const unsigned what = in.byte();
+        twins& queue = queues[what / 8 % 2];
+        queue.act(what % 8, some_length(in), static_cast<char>(next++));
+        queue.compare();
     }
-    require(static_cast<std::string>(queue) == expected, "the same text");
-    require(announced == arrivals, "each arrival is told once");
+    for (const twins& queue : queues) queue.compare_copy();
     return 0;
 }

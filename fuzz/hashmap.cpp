@@ -1,9 +1,11 @@
-// The map beside std::map and a list of keys, under a hash that collides often and the real one.
+// The map beside std::map and a list of keys after every call, under a hash that collides often and
+// the real one.
 
 #include "vindra/base/hashmap.h"
 
 #include "fuzz/fuzz.h"
 
+#include <algorithm>
 #include <map>
 #include <string>
 #include <vector>
@@ -27,8 +29,22 @@ void compare(const base::hashmap<int>& map, const model& expected) {
     }
     if (map.capacity > 0) require(map.keys[map.count] == nullptr, "a null behind the last key");
     unsigned occupied = 0;
-    for (unsigned i = 0; i < map.capacity; ++i) occupied += map.slots[i].key != nullptr;
+    for (unsigned i = 0; i < map.capacity; ++i) {
+        const auto& slot = map.slots[i];
+        if (slot.key == nullptr) continue;
+        ++occupied;
+        require(std::find(map.keys, map.keys + map.count, slot.key) != map.keys + map.count,
+                "a slot has the very key of the list");
+        require(slot.hash == map.hash(slot.key->data(), static_cast<unsigned>(slot.key->size())),
+                "and its hash");
+    }
     require(occupied == map.count, "a slot for each key");
+}
+
+const std::string& own_key(const base::hashmap<int>& map, const std::string& key) {
+    unsigned i = 0;
+    while (*map.keys[i] != key) ++i;
+    return *map.keys[i];
 }
 
 } // namespace
@@ -37,7 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     source in(data, size);
     base::hashmap<int> map(in.below(2) != 0 ? colliding : base::orlix_hash);
     model expected;
-    while (!in.empty()) {
+    for (int calls = 0; !in.empty() && calls < 300; ++calls) {
         const unsigned what = in.below(8);
         const std::string key(in.bytes(in.below(3)));
         const auto known = expected.values.find(key);
@@ -47,7 +63,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             if (known == expected.values.end()) expected.order.push_back(key);
             expected.values[key] = value;
         } else if (what < 6) {
-            require(map.unset(key) == (known == expected.values.end() ? 0 : known->second),
+            // Now and then by the map's own string, which dies in the call.
+            const bool by_own = what == 5 && known != expected.values.end();
+            require(map.unset(by_own ? own_key(map, key) : key) ==
+                        (known == expected.values.end() ? 0 : known->second),
                     "unset gives the value back");
             if (known != expected.values.end()) {
                 expected.values.erase(known);
@@ -57,9 +76,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             require(map.get(key) == (known == expected.values.end() ? 0 : known->second),
                     "get gives the value, or zero");
         } else {
-            map.reserve(in.byte());
+            const unsigned room = in.byte();
+            const unsigned before = map.capacity;
+            map.reserve(room);
+            require(map.capacity == std::max(before, room), "reserve makes exactly that room");
         }
+        compare(map, expected);
     }
-    compare(map, expected);
     return 0;
 }

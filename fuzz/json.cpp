@@ -2,69 +2,138 @@
 
 #include "vindra/base/arraylist.h"
 #include "vindra/base/escape.h"
-#include "vindra/base/utf8_decode.h"
 #include "vindra/base/var.h"
 
 #include "fuzz/fuzz.h"
+#include "fuzz/utf8.h"
 
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
 namespace {
 
 // What was built, to compare with what is read: brackets, and strings as code points.
-using outline = std::u32string;
+struct outline {
+    bool operator==(const outline&) const = default;
+
+    std::u32string text;
+    std::vector<double> numbers;
+};
 
 // Code points as JSON can carry them: a pair of surrogates reads as what it stands for.
-outline points_of(const std::string& text) {
-    outline points;
-    for (std::size_t at = 0; at < text.size();) {
-        int length = 1;
-        const int point = text[at] == '\0' ? 0 : base::utf8_decode(text.c_str() + at, &length);
-        points += point < 0 ? U'\xFFFF' : static_cast<char32_t>(point);
-        at += static_cast<std::size_t>(length);
-    }
+std::u32string points_of(const std::string& text) {
+    std::u32string points;
+    for (const std::uint32_t c : code_points_of(text))
+        points += c == no_code_point ? U'\xFFFF' : static_cast<char32_t>(c);
     return points;
 }
 
-var build(source& in, outline& out, int depth) {
-    const unsigned what = depth > 5 ? in.below(4) : in.below(6);
-    switch (what) {
-    case 0:
-        out += U'0';
-        return {};
-    case 1:
-        out += U'n';
-        return static_cast<int>(in.byte()) - 128;
-    case 2:
-        out += U't';
-        return in.below(2) != 0;
-    case 3: {
-        const std::string text(in.bytes(in.below(12)));
-        out += U'"' + points_of(text) + U'"';
+// A number as it is written: whole ones with all their digits, others with six of them.
+double as_written(double number) {
+    if (number == std::floor(number)) return number;
+    char text[64];
+    std::snprintf(text, sizeof text, "%g", number);
+    return std::strtod(text, nullptr);
+}
+
+// Builds a value as the input says, and what is to be read of it.
+class builder {
+public:
+    explicit builder(source& in) : in_(in) {}
+    builder(const builder&) = delete;
+    builder& operator=(const builder&) = delete;
+
+    // Opens the circles again, which would never be released.
+    ~builder() {
+        for (auto& [object, key] : circles_) object.set(key, var());
+    }
+
+    var build(int depth = 0) {
+        const unsigned what = in_.byte();
+        if (what >= 240) return any_number();
+        switch (depth > 5 ? what % 4 : what % 6) {
+        case 0:
+            out.text += U'0';
+            return {};
+        case 1:
+            return number(static_cast<int>(in_.byte()) - 128);
+        case 2: {
+            const bool truth = in_.below(2) != 0;
+            out.text += truth ? U't' : U'f';
+            return truth;
+        }
+        case 3:
+            return string(std::string(in_.bytes(in_.below(12))));
+        case 4: {
+            var list = var::array();
+            out.text += U'[';
+            for (unsigned n = in_.below(4); n > 0; --n) list.push(build(depth + 1));
+            out.text += U']';
+            return list;
+        }
+        default:
+            return object(depth);
+        }
+    }
+
+    outline out;
+
+private:
+    var number(double value) {
+        if (std::isfinite(value)) {
+            out.text += U'n';
+            out.numbers.push_back(as_written(value));
+        } else {
+            out.text += U'0';
+        }
+        return value;
+    }
+
+    // Of any bits.
+    var any_number() {
+        double value = 0;
+        const std::string bits(in_.bytes(sizeof value));
+        std::memcpy(&value, bits.data(), bits.size());
+        return number(value);
+    }
+
+    var string(const std::string& text) {
+        out.text += U'"' + points_of(text) + U'"';
         return text;
     }
-    case 4: {
-        var list = var::array();
-        out += U'[';
-        for (unsigned n = in.below(4); n > 0; --n) list.push(build(in, out, depth + 1));
-        out += U']';
-        return list;
-    }
-    default: {
-        var object = var::object();
-        out += U'{';
-        for (unsigned n = in.below(4); n > 0; --n) {
+
+    var object(int depth) {
+        var made = var::object();
+        around_.push_back(made);
+        out.text += U'{';
+        for (unsigned n = in_.below(4); n > 0; --n) {
             // Keys of their own, so that none is set twice.
-            const std::string key = std::to_string(n) + std::string(in.bytes(in.below(4)));
-            out += U'"' + points_of(key) + U'"';
-            object.set(key, build(in, out, depth + 1));
+            const std::string key = std::to_string(n) + std::string(in_.bytes(in_.below(4)));
+            out.text += U'"' + points_of(key) + U'"';
+            if (n == 3 && key.ends_with('@'))
+                close_circle(made, key);
+            else
+                made.set(key, build(depth + 1));
         }
-        out += U'}';
-        return object;
+        out.text += U'}';
+        around_.pop_back();
+        return made;
     }
+
+    // Has the object hold itself, or one that it is in.
+    void close_circle(var& object, const std::string& key) {
+        object.set(key, around_[in_.byte() % around_.size()]);
+        circles_.emplace_back(object, key);
+        out.text += U'E';
     }
-}
+
+    source& in_;
+    std::vector<var> around_;
+    std::vector<std::pair<var, std::string>> circles_;
+};
 
 // A reader for well-formed text of printable ASCII and line ends.
 class reader {
@@ -75,7 +144,7 @@ public:
         value();
         skip();
         require(at_ == text_.size(), "nothing stands behind the value");
-        return out_;
+        return {out_, numbers_};
     }
 
 private:
@@ -111,16 +180,23 @@ private:
             out_ += U't';
             return word("true");
         case 'f':
-            out_ += U't';
+            out_ += U'f';
             return word("false");
+        case 'E':
+            out_ += U'E';
+            return word("ERROR_CYCLE");
         default:
-            out_ += U'n';
-            const std::size_t start = at_;
-            while (at_ < text_.size() &&
-                   std::string("-0123456789").find(text_[at_]) != std::string::npos)
-                ++at_;
-            require(at_ > start, "a number has digits");
+            return number();
         }
+    }
+
+    void number() {
+        require(std::string("-0123456789").find(text_[at_]) != std::string::npos,
+                "a number begins with a digit or a minus");
+        char* end = nullptr;
+        out_ += U'n';
+        numbers_.push_back(std::strtod(text_.c_str() + at_, &end));
+        at_ = static_cast<std::size_t>(end - text_.c_str());
     }
 
     void list(char open, char close, bool keys) {
@@ -177,8 +253,34 @@ private:
 
     const std::string& text_;
     std::size_t at_ = 0;
-    outline out_;
+    std::u32string out_;
+    std::vector<double> numbers_;
 };
+
+// What a line of diagnosis says.
+std::string unescaped(const std::string& line) {
+    std::string text;
+    for (std::size_t i = 0; i < line.size(); ++i) {
+        require(line[i] >= 0x20 && line[i] < 0x7F, "all is printable ASCII");
+        require(line[i] != '"', "a quote is escaped");
+        if (line[i] != '\\') {
+            text += line[i];
+            continue;
+        }
+        const char kind = line.at(++i);
+        static const std::string letters = "\"\\bfnrt0";
+        static const std::string meant("\"\\\b\f\n\r\t\0", letters.size());
+        if (kind == 'x') {
+            text += static_cast<char>(std::stoi(line.substr(i + 1, 2), nullptr, 16));
+            i += 2;
+        } else {
+            const std::size_t which = letters.find(kind);
+            require(which != std::string::npos, "an escape is a known one");
+            text += meant[which];
+        }
+    }
+    return text;
+}
 
 std::vector<std::string> split_plainly(const std::string& text, const std::string& delimiters) {
     std::vector<std::string> pieces(1);
@@ -197,12 +299,13 @@ std::vector<std::string> split_plainly(const std::string& text, const std::strin
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     source in(data, size);
     const std::string delimiters(in.bytes(in.below(4)));
-    outline built;
-    const var value = build(in, built, 0);
+    builder made(in);
+    const var value = made.build();
     for (const bool pretty : {true, false}) {
         base::arraylist<var::var_data*> stack;
         const std::string text = value.to_json_helper(stack, pretty);
-        require(reader(text).read() == built, "what is read is what was built");
+        require(stack.count == 0, "the stack is left empty");
+        require(reader(text).read() == made.out, "what is read is what was built");
     }
 
     const std::string text(in.rest());
@@ -212,7 +315,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (int i = 0; i < pieces.size(); ++i)
         require(static_cast<std::string>(pieces.get(i)) == expected[static_cast<std::size_t>(i)],
                 "the same pieces");
-    for (const char c : base::escape(text, false))
-        require(c >= 0x20 && c < 0x7F, "a line of diagnosis is printable ASCII");
+    require(unescaped(base::escape(text, false)) == text, "a line of diagnosis says all bytes");
     return 0;
 }
