@@ -88,7 +88,7 @@ extern "C" int connect(int fd, const sockaddr* address, socklen_t length) {
 class walking_server : public server<reverse_proxy> {
 public:
     walking_server() : server(0, false) {}
-    void visit_all_up_to(int connections) { plain_walk_max = connections; }
+    void visit_all_up_to(int most) { plain_walk_max = most; }
 };
 
 class world {
