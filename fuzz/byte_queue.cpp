@@ -16,7 +16,7 @@ std::size_t some_length(source& in) {
     case 0:
         return 65536 - 128 + fine;
     case 1:
-        return 65536 * 3 + fine;
+        return std::size_t{65536} * 3 + fine;
     default:
         return fine;
     }

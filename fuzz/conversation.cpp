@@ -102,7 +102,7 @@ private:
                                  : where == 4 ? "nobody"
                                               : "a";
         no_socket = where == 5;
-        const std::string body = pattern(in_.byte() * (in_.below(2) != 0 ? 40 : 1));
+        const std::string body = pattern(some_length(40));
         const unsigned odd_lines = in_.byte();
         const std::string line = "POST /" + std::to_string(requests_++) + "?q HTTP/1.1\r\n";
         std::string kept = "Host: " + host + "\r\n";
@@ -162,7 +162,7 @@ private:
     void answer(std::size_t which) {
         far_side& backend = backends_[which];
         if (!backend.open || backend.to_end) return;
-        push(which, in_.byte() * (in_.below(2) != 0 ? 250U : 1U));
+        push(which, some_length(250));
         for (unsigned turns = in_.below(4); turns > 0; --turns) world_.turn();
         if (in_.below(4) == 0) leave(backend);
     }
@@ -207,7 +207,7 @@ private:
     void come_to_rest() {
         int quiet = 0;
         for (int turns = 0; quiet < 3; ++turns) {
-            require(turns < 2000, "the relay comes to rest");
+            require(turns < 5000, "the relay comes to rest");
             world_.turn();
             bool news = sockets::num_ready() != 0;
             take_new_backends();
@@ -233,6 +233,14 @@ private:
         require(side.got == side.due, "an end has received what was meant for it, and no more");
         require(side.ended == side.to_end,
                 "an end is closed when its time has come, and not before");
+    }
+
+    // Up to 255, or that many times `factor`; now and then twenty times more, for answers that
+    // exceed what is sent at a time.
+    std::size_t some_length(std::size_t factor) {
+        const std::size_t count = in_.byte();
+        const unsigned how = in_.byte();
+        return how == 255 ? count * factor * 20 : how % 2 != 0 ? count * factor : count;
     }
 
     // Bytes that tell their place.

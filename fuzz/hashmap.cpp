@@ -42,9 +42,9 @@ void compare(const base::hashmap<int>& map, const model& expected) {
 }
 
 const std::string& own_key(const base::hashmap<int>& map, const std::string& key) {
-    unsigned i = 0;
-    while (*map.keys[i] != key) ++i;
-    return *map.keys[i];
+    for (unsigned i = 0; i < map.count; ++i)
+        if (*map.keys[i] == key) return *map.keys[i];
+    return key;
 }
 
 } // namespace

@@ -69,7 +69,8 @@ void two_ends(source& in, world& w) {
             to_client += send_some(backends[0], in.bytes(in.byte()));
             break;
         case 2: {
-            const std::string many(in.byte() * 100, static_cast<char>(in.byte()));
+            const std::size_t count = in.byte();
+            const std::string many(count * 100, static_cast<char>(in.byte()));
             to_backend += send_some(client, many);
             to_client += send_some(backends[0], many);
             break;
