@@ -357,6 +357,9 @@ protected:
     }
 
     std::string bytes_of_some_kind() {
+        const std::string handshake = "GET /ws HTTP/1.1\r\nUpgrade: websocket\r\n"
+                                      "Sec-WebSocket-Version: 13\r\n"
+                                      "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n";
         const std::vector<std::string> kinds = {
             "GET / HTTP/1.1\r\n\r\n",
             "GET /other HTTP/1.1\r\n\r\n",
@@ -365,8 +368,7 @@ protected:
             "GET /hurry HTTP/1.1\r\n\r\n",
             "GET / HTTP/1.0\r\n\r\n",
             "POST / HTTP/1.1\r\nContent-Length: 5\r\n\r\n12345",
-            "GET /ws HTTP/1.1\r\nUpgrade: websocket\r\nSec-WebSocket-Version: 13\r\n"
-            "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n",
+            handshake,
             short_frame(0x81, "hello"),
             short_frame(0x81, "leave"),
             short_frame(0x88, ""),

@@ -27,6 +27,7 @@ class connection;
 /// strikes it here.
 class roster {
 public:
+    /// What a server keeps its connections in.
     using list = base::linkedlist<connection*>;
 
     /// What a connection carries for the roster that it stands in.
@@ -44,6 +45,7 @@ public:
         bool serviced = false;
     };
 
+    /// Out of use until rebuild(). `connections` outlives it.
     explicit roster(list& connections) : list_(connections) {}
     roster(const roster&) = delete;
     roster& operator=(const roster&) = delete;
@@ -64,11 +66,13 @@ public:
     /// to one that is awake or stands in no roster.
     static void wake(connection& conn);
 
+    /// Puts those awake in order, for next() to begin with the first.
     void begin_pass();
 
     /// The next connection to visit; null when there is none left.
     connection* next();
 
+    /// The pass is over, whether next() has come to the end or not.
     void end_pass() { cursor_ = 0; }
 
     /// The connection that next() gave last is not to be visited until it is woken.
