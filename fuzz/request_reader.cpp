@@ -212,6 +212,8 @@ std::string joined(const recorder& conn) {
 void compare_with_whole(const std::string& wire, unsigned cut, bool websockets) {
     const std::size_t end = wire.find("\r\n\r\n");
     if (end == std::string::npos || end == 0) return;
+    // A body that holds the words of the log cannot be told from them.
+    if (wire.find("\ndata ") != std::string::npos) return;
     plain_reader plain;
     plain.keep_alive = plain.websockets = false;
     plain.on_recv(wire.substr(0, end + 4));
