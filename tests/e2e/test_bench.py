@@ -1,5 +1,6 @@
 """bench/run and bench/report: that they run and what they refuse, not how fast anything is."""
 
+import contextlib
 import json
 import os
 import pathlib
@@ -21,12 +22,20 @@ def bench(script, *words):
                           text=True, timeout=60, check=False, env={**os.environ, "VINDRA_BUILD": str(build)})
 
 
+def named(pid):
+    """Pid and name of a process, or nothing of one that has ended."""
+    with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+        return [(pid, pathlib.Path(f"/proc/{pid}/comm").read_text().strip())]
+    return []
+
+
 def descendants(pid):
-    """Every process below one, as the kernel lists them."""
+    """Pid and name of every process below one, as the kernel lists them; one that ends meanwhile is left out."""
     found = []
-    for children in pathlib.Path(f"/proc/{pid}/task").glob("*/children"):
-        for child in children.read_text().split():
-            found += [int(child), *descendants(int(child))]
+    with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+        for task in pathlib.Path(f"/proc/{pid}/task").iterdir():
+            for child in map(int, (task / "children").read_text().split()):
+                found += named(child) + descendants(child)
     return found
 
 
@@ -78,12 +87,11 @@ def test_a_run_that_is_ended_ends_what_it_started(number):
     with subprocess.Popen([BENCH / "run", "--only", "get_1", "--seconds", "60"], stdin=subprocess.DEVNULL,
                           stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
                           env={**os.environ, "VINDRA_BUILD": str(build)}) as run:
-        def loaded():
-            names = [pathlib.Path(f"/proc/{pid}/comm").read_text().strip() for pid in descendants(run.pid)]
-            return "wrk" in names
-        wait_until(loaded, "the load")
-        started = descendants(run.pid)
-        run.send_signal(number)
+        try:
+            wait_until(lambda: {"vindra", "wrk"} <= {name for _, name in descendants(run.pid)}, "the load", 40)
+            started = descendants(run.pid)
+        finally:
+            run.send_signal(number)
         assert run.wait(30) == 1
         assert run.stderr.read() == b""
-    assert not [pid for pid in started if pathlib.Path(f"/proc/{pid}").exists()]
+    assert not [process for process in started if named(process[0])]
