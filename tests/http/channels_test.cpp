@@ -2,6 +2,7 @@
 #include "tests/support/frames.h"
 
 #include <chrono>
+#include <cstdlib>
 
 #include <gtest/gtest.h>
 
@@ -31,6 +32,12 @@ public:
     void on_message() override { act(*this); }
     void (*act)(acting_connection& self) = nullptr;
 };
+
+// Made before the map of channels, and so destroyed after it. The map leaves its lists behind.
+struct outliving {
+    std::unique_ptr<recording_connection> conn;
+    const void* list = nullptr;
+} survivor;
 
 class channels : public testing::Test {
 protected:
@@ -295,4 +302,15 @@ TEST_F(channels, hold_ten_thousand_subscriptions_of_a_hundred_connections) {
             EXPECT_EQ(conn->parts.count, 1);
         }
     }
+}
+
+TEST(channels_at_exit, are_left_alone_by_a_connection_that_outlives_them) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto leave_subscribed = [] {
+        survivor.conn = upgraded_connection();
+        survivor.conn->subscribe("c");
+        survivor.list = http_connection::channels().get("c");
+        std::exit(3);
+    };
+    EXPECT_EXIT(leave_subscribed(), testing::ExitedWithCode(3), "");
 }

@@ -1,3 +1,6 @@
+#include "vindra/base/find.h"
+#include "vindra/http/deferred_result.h"
+
 #include "tests/support/captured_output.h"
 #include "tests/support/drain.h"
 #include "tests/support/feed.h"
@@ -53,6 +56,28 @@ TEST(handshake, takes_the_limits_off_an_accepted_connection) {
     EXPECT_EQ(conn->timeout, -1);
     EXPECT_EQ(conn->max_request_length, 0);
     EXPECT_TRUE(drain(*conn).open);
+}
+
+TEST(handshake, keeps_the_time_out_off_when_an_earlier_answer_is_still_to_be_computed) {
+    class late_result : public deferred_result {};
+    const auto conn = std::make_unique_for_overwrite<recording_connection>();
+    auto* const part = new http_connection::response_part;
+    part->result = new late_result;
+    part->restore_timeout = 10;
+    conn->parts.add(part);
+    feed(*conn, rfc_request);
+    part->result->output = var("late");
+    part->result->done = true;
+    EXPECT_EQ(drain(*conn).bytes(), "4\r\nlate\r\n0\r\n\r\n" + rfc_answer);
+    EXPECT_EQ(conn->timeout, -1);
+}
+
+TEST(handshake, finds_its_header_lines_in_their_usual_spelling_where_letter_case_counts) {
+    base::find_case_insensitive() = false;
+    const auto conn = std::make_unique_for_overwrite<recording_connection>();
+    feed(*conn, rfc_request);
+    base::find_case_insensitive() = true;
+    EXPECT_TRUE(conn->upgraded);
 }
 
 TEST(handshake, sets_the_limits_before_the_hook_is_called) {

@@ -251,5 +251,6 @@ private:
     frame_outcome_ act_on_frame_(int code, bool final, const std::string& payload);
     frame_outcome_ add_to_message_(const std::string& payload, bool final);
     frame_outcome_ end_frames_();
+    void leave_channels_();
     void leave_channel_(const std::string& name);
 };

@@ -34,6 +34,10 @@ constexpr std::size_t shortest_frame = 6;
 // Payloads from here on have no length form in frames that are sent.
 constexpr std::size_t payload_limit = 1048576;
 
+// The process is ending and has no map of channels any more, while a connection may be left: one
+// of a server that was made before the map.
+bool channels_gone = false;
+
 enum frame_kind : int { continuation = 0, text = 1, binary = 2, closing = 8, ping = 9, pong = 10 };
 
 // Positions in the bytes received. The length is a double, as it is compared with limits and
@@ -190,6 +194,10 @@ void http_connection::send_message(const std::string& payload, int opcode) {
 
 base::hashmap<base::arraylist<http_connection*>*>& http_connection::channels() {
     static base::hashmap<base::arraylist<http_connection*>*> h(base::orlix_hash);
+    // Made after the map, and so destroyed before it.
+    static const struct end_mark {
+        ~end_mark() { channels_gone = true; }
+    } mark;
     return h;
 }
 
@@ -219,6 +227,11 @@ void http_connection::publish(const std::string& channel, const std::string& pay
     if (!members) return;
     // send_message() only queues, so nobody joins or leaves before the loop ends.
     for (unsigned i = 0; i < members->count; ++i) members->items[i]->send_message(payload, opcode);
+}
+
+void http_connection::leave_channels_() {
+    if (channels_gone) return;
+    for (unsigned i = 0; i < subscriptions.count; ++i) leave_channel_(*subscriptions.keys[i]);
 }
 
 void http_connection::leave_channel_(const std::string& name) {

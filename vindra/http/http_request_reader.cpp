@@ -136,12 +136,12 @@ void http_connection::split_target_() {
 }
 
 bool http_connection::asks_for_upgrade_() const {
-    return websockets && find_header_("\r\nupgrade", headers) == "websocket";
+    return websockets && find_header_("\r\nUpgrade", headers) == "websocket";
 }
 
 void http_connection::shake_hands_() {
-    std::string key(find_header_("\r\nsec-websocket-key", headers));
-    const int wanted = number(find_header_("\r\nsec-websocket-version", headers));
+    std::string key(find_header_("\r\nSec-WebSocket-Key", headers));
+    const int wanted = number(find_header_("\r\nSec-WebSocket-Version", headers));
     if (wanted != websocket_version || key.empty()) {
         // The request then completes like any other; what on_request() writes is refused, as
         // this is its answer.
@@ -158,6 +158,10 @@ void http_connection::shake_hands_() {
           "");
     upgraded = true;
     timeout = -1;
+    // A result that is still awaited must not bring the time-out back.
+    for (auto* node = parts.head->next; node != nullptr; node = node->next) {
+        if (node->value != nullptr) node->value->restore_timeout = -1;
+    }
     max_request_length = 0;
     on_upgrade();
 }

@@ -173,6 +173,5 @@ std::string http_connection::peer_name_() const {
 
 http_connection::~http_connection() {
     while (parts.count > 0) drop_first_part_();
-    if (!upgraded) return;
-    for (unsigned i = 0; i < subscriptions.count; ++i) leave_channel_(*subscriptions.keys[i]);
+    if (upgraded) leave_channels_();
 }
