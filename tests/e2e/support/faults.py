@@ -106,6 +106,9 @@ def _faults():
 
 
 FAULTS = list(_faults())
+
+# What can hide from the program that a client has left.
+LOST = [fault for fault in FAULTS if fault.call in ("read", "SSL_read") and fault.effect == SILENT]
 MESSAGES = (b"accept() failed", b"select() failed!", b"No addresses worked",
             b"getaddrinfo() failed", b"Binding to port", b"has errors")
 
@@ -181,6 +184,7 @@ UPLOAD_ANSWER = _message(hashlib.sha256(UPLOAD).hexdigest().encode())
 
 class _Conversation(socketserver.BaseRequestHandler):
     def handle(self):
+        self.server.under_way.add(self.request)
         self.request.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         link = Stream(self.request)
         with contextlib.suppress(EndOfStream, OSError):
@@ -190,6 +194,9 @@ class _Conversation(socketserver.BaseRequestHandler):
                     link.send(_message(hashlib.sha256(request.body).hexdigest().encode()))
                 else:
                     link.send(LARGE_ANSWER if b"/large " in request.head else SMALL_ANSWER)
+
+    def finish(self):
+        self.server.under_way.discard(self.request)
 
 
 class Backend(socketserver.ThreadingTCPServer):
@@ -201,12 +208,19 @@ class Backend(socketserver.ThreadingTCPServer):
 
     def __init__(self):
         super().__init__(("127.0.0.1", 0), _Conversation)
+        self.under_way = set()
         self.port = self.server_address[1]
         self._thread = threading.Thread(target=self.serve_forever, args=(0.05,), daemon=True)
         self._thread.start()
 
     def handle_error(self, *_):
         pass
+
+    def end_connections(self):
+        """End every connection, as one who has waited for long enough."""
+        for link in list(self.under_way):
+            with contextlib.suppress(OSError):
+                link.shutdown(socket.SHUT_RDWR)
 
     def close(self):
         self.shutdown()
@@ -320,7 +334,8 @@ class Stage:
             def keep(resource):
                 return stack.enter_context(contextlib.closing(resource))
             self.control = Control(folder)
-            backend, refused = keep(Backend()), keep(HeldPort()).port
+            self._backend = backend = keep(Backend())
+            refused = keep(HeldPort()).port
             port, ssl_port = keep(HeldPort()).port, keep(HeldPort()).port
             words = [port] if not tls else [port, "-ssl", ssl_port, made.key, made.crt]
             for host, target in (("app.local", backend.port), ("echo.local", -1),
@@ -358,10 +373,24 @@ class Stage:
         """The program asks the resolver once in a second."""
         time.sleep(1.01)
 
-    def _await_quiet(self):
+    def _is_quiet(self):
+        return len(self.program.descriptors()) == self._descriptors
+
+    def _await_quiet(self, after="the script"):
         """Until the program has closed what the script has."""
-        wait_until(lambda: len(self.program.descriptors()) == self._descriptors,
-                   f"the end of every connection: {self._descriptors} descriptors")
+        try:
+            wait_until(self._is_quiet, f"the end of every connection after {after}")
+        except AssertionError as late:
+            raise AssertionError(f"{late}: {self._descriptors} descriptors expected, there are "
+                                 f"{len(self.program.descriptors())}, sockets "
+                                 f"{self.program.sockets()}") from None
+
+    def _end_lost(self):
+        """A session lost at the read that should have seen its client leave: the backend ends it."""
+        with contextlib.suppress(AssertionError):
+            wait_until(self._is_quiet, "the end of every connection", PATIENCE)
+            return
+        self._backend.end_connections()
 
     def meet(self, fault, use):
         """Run the script with a fault in it and check what is promised. True when it struck."""
@@ -375,10 +404,12 @@ class Stage:
         self.control.disarm()
 
         name = f"{fault}, use {use}"
-        self._await_quiet()
+        if fault in LOST:
+            self._end_lost()
+        self._await_quiet(name)
         wait_until(lambda: self.script().serves_a_fresh_client(), f"a fresh client after {name}",
                    FRESH_PATIENCE)
-        self._await_quiet()
+        self._await_quiet(f"a fresh client after {name}")
         printed = self.program.output[start:]
         if fired and fault.message:
             assert fault.message in printed, (name, printed)
