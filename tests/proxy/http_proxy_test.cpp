@@ -70,6 +70,35 @@ TEST_F(http_proxy_test, another_backend_takes_the_place_of_the_first) {
     EXPECT_EQ(front_.receive(at_other, 19), "GET /2 HTTP/1.1\r\n\r\n");
 }
 
+TEST_F(http_proxy_test, another_host_on_the_same_port_takes_the_place_of_the_first) {
+    const listening_backend other(INADDR_LOOPBACK + 1, backend_.port());
+    far_end client = front_.connect();
+    client.send("GET " + backend_url("/1") + " HTTP/1.1\r\n\r\n");
+    far_end at_backend = accept_backend();
+    EXPECT_EQ(front_.receive(at_backend, 19), "GET /1 HTTP/1.1\r\n\r\n");
+    client.send("GET http://127.0.0.2:" + std::to_string(other.port()) + "/2 HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(front_.receive_all(at_backend), "");
+    far_end at_other = other.accept();
+    EXPECT_EQ(front_.receive(at_other, 19), "GET /2 HTTP/1.1\r\n\r\n");
+}
+
+TEST_F(http_proxy_test, a_backend_that_has_gone_is_not_used_again_while_its_answer_waits) {
+    far_end client = front_.connect();
+    client.send("GET " + backend_url("/1") + " HTTP/1.1\r\n\r\n");
+    far_end at_backend = accept_backend();
+    front_.answer_and_leave(at_backend);
+    client.send("GET " + backend_url("/2") + " HTTP/1.1\r\n\r\n");
+    far_end at_next = accept_backend();
+    EXPECT_EQ(front_.receive(at_next, 19), "GET /2 HTTP/1.1\r\n\r\n");
+}
+
+TEST_F(http_proxy_test, the_version_is_the_clients) {
+    far_end client = front_.connect();
+    client.send("GET " + backend_url("/1") + " HTTP/1.0\r\n\r\n");
+    far_end at_backend = accept_backend();
+    EXPECT_EQ(front_.receive(at_backend, 19), "GET /1 HTTP/1.0\r\n\r\n");
+}
+
 TEST_F(http_proxy_test, connect_answers_before_the_backend_and_then_carries_bytes) {
     far_end client = front_.connect();
     client.send("CONNECT 127.0.0.1:" + std::to_string(backend_.port()) + " HTTP/1.1\r\n\r\n");
@@ -141,6 +170,15 @@ TEST_F(http_proxy_test, nothing_is_blocked_unless_an_application_says_so) {
         using http_proxy::should_block;
     };
     EXPECT_FALSE(std::unique_ptr<open_proxy>(new open_proxy)->should_block("blocked.example"));
+}
+
+TEST_F(http_proxy_test, a_502_is_the_last_answer) {
+    const far_end client = front_.connect();
+    const http_proxy& conn = front_.newest();
+    client.send("GET /x HTTP/1.1\r\n\r\n");
+    front_.turn();
+    ASSERT_EQ(front_.get().connections.count, 1) << "still to be written";
+    EXPECT_FALSE(conn.keep_alive);
 }
 
 TEST_F(http_proxy_test, bytes_behind_a_502_harm_nobody) {

@@ -8,6 +8,9 @@
 #include <string>
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 
 namespace {
 
@@ -254,11 +257,58 @@ TEST_F(reverse_proxy_test, a_404_after_the_backend_has_gone_closes_the_client) {
     front_.turn();
     front_.turn();
     far_end at_backend = backend.accept();
-    front_.receive(at_backend, 1);
-    at_backend.close();
+    const std::string answer = front_.answer_and_leave(at_backend);
     client.send(get("nobody.example"));
-    const std::string got = front_.receive_all(client);
-    EXPECT_TRUE(got.empty() || got == not_found) << "whichever of the two is read first";
+    front_.turn();
+    EXPECT_TRUE(front_.receive_all(client) == answer + not_found);
+}
+
+TEST_F(reverse_proxy_test, a_backend_that_has_gone_is_not_used_again_while_its_answer_waits) {
+    const listening_backend backend;
+    map("again.example", backend.port());
+    far_end client = front_.connect();
+    client.send(get("again.example"));
+    front_.turn();
+    front_.turn();
+    far_end at_backend = backend.accept();
+    front_.answer_and_leave(at_backend);
+    client.send(get("again.example"));
+    front_.turn();
+    front_.turn();
+    far_end at_next = backend.accept();
+    const std::string expected = forwarded("again.example");
+    EXPECT_EQ(front_.receive(at_next, expected.size()), expected);
+}
+
+TEST_F(reverse_proxy_test, the_address_told_is_the_peers) {
+    const listening_backend backend;
+    map("seventh.example", backend.port());
+    map("echo7.example", reverse_proxy::echo_port);
+    far_end client = front_.connect(INADDR_LOOPBACK + 6);
+    client.send(get("echo7.example"));
+    EXPECT_TRUE(front_.receive(client, 100).ends_with("Your IPv4 address is: 127.0.0.7"));
+    client.send(get("seventh.example"));
+    front_.turn();
+    front_.turn();
+    far_end at_backend = backend.accept();
+    EXPECT_TRUE(front_.receive(at_backend, forwarded("seventh.example").size())
+                    .ends_with("X-Forwarded-For: 127.0.0.7\r\n\r\n"));
+}
+
+TEST_F(reverse_proxy_test, small_pieces_are_held_back_on_neither_side) {
+    const listening_backend backend;
+    map("prompt.example", backend.port());
+    const far_end client = front_.connect();
+    client.send(get("prompt.example"));
+    front_.turn();
+    ASSERT_EQ(front_.get().connections.count, 2);
+    for (const connection* conn :
+         {front_.get().connections.head->next->value, front_.get().connections.tail->value}) {
+        int on = 0;
+        socklen_t length = sizeof on;
+        EXPECT_EQ(getsockopt(conn->fd, IPPROTO_TCP, TCP_NODELAY, &on, &length), 0);
+        EXPECT_NE(on, 0);
+    }
 }
 
 TEST_F(reverse_proxy_test, upgrades_are_forwarded_and_not_answered) {

@@ -33,11 +33,14 @@ public:
     }
     ~far_end() { close(); }
 
-    /// Connects to `port` of 127.0.0.1, whose backlog takes the connection at once.
-    static far_end connect_to(int port) {
+    /// Connects to `port` of 127.0.0.1, whose backlog takes the connection at once, from an
+    /// address of the loopback range.
+    static far_end connect_to(int port, in_addr_t from = INADDR_LOOPBACK) {
         const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in address{};
         address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(from);
+        EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         address.sin_port = htons(static_cast<std::uint16_t>(port));
         EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);

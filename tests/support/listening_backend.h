@@ -11,26 +11,17 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-/// A backend whose every byte the test writes itself: a listening socket on 127.0.0.1, and
-/// the far ends of the connections that come in.
+/// A backend whose every byte the test writes itself: a listening socket on an address of the
+/// loopback range, and the far ends of the connections that come in.
 class listening_backend {
 public:
-    listening_backend() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
-        const int on = 1;
-        setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-        setsockopt(fd_, SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(static_cast<std::uint16_t>(port_.number()));
-        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        EXPECT_EQ(listen(fd_, 16), 0);
-    }
+    listening_backend() { listen_at_(INADDR_LOOPBACK, own_.number()); }
+    listening_backend(in_addr_t host, int port) { listen_at_(host, port); }
     listening_backend(const listening_backend&) = delete;
     listening_backend& operator=(const listening_backend&) = delete;
     ~listening_backend() { ::close(fd_); }
 
-    int port() const { return port_.number(); }
+    int port() const { return port_; }
 
     /// The next connection that waits. The test fails when there is none.
     far_end accept() const {
@@ -43,6 +34,20 @@ public:
     bool nobody_waits() const { return accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC) < 0; }
 
 private:
-    held_port port_;
-    int fd_;
+    void listen_at_(in_addr_t host, int port) {
+        port_ = port;
+        const int on = 1;
+        setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        setsockopt(fd_, SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(host);
+        address.sin_port = htons(static_cast<std::uint16_t>(port));
+        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        EXPECT_EQ(listen(fd_, 16), 0);
+    }
+
+    held_port own_;
+    int fd_ = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    int port_ = 0;
 };

@@ -27,8 +27,8 @@ public:
     int port() const { return port_.number(); }
 
     /// A client whose connection the server has accepted.
-    far_end connect() {
-        far_end client = far_end::connect_to(port_.number());
+    far_end connect(in_addr_t from = INADDR_LOOPBACK) {
+        far_end client = far_end::connect_to(port_.number(), from);
         turn_until([&] { return newest_port() == client.port(); });
         return client;
     }
@@ -57,6 +57,22 @@ public:
             return text.size() >= length || end.closed_by_peer();
         });
         return text;
+    }
+
+    /// Has a backend, whose connection is the last of two, answer with more than its client and
+    /// the sockets in between take, and leave. Returns the answer.
+    std::string answer_and_leave(far_end& backend) {
+        const std::string answer(std::size_t{24} << 20, 'a');
+        std::size_t sent = 0;
+        turn_until([&] {
+            sent += backend.send_some(std::string_view(answer).substr(sent));
+            return sent == answer.size();
+        });
+        // Closed with something unread it would reset the connection, and its answer be lost.
+        backend.receive();
+        backend.close();
+        turn_until([&] { return server_->connections.count == 1; });
+        return answer;
     }
 
     /// Turns until `end` has been closed and returns all that came before.

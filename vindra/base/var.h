@@ -15,6 +15,8 @@
 /// that contains itself is never freed: break the cycle before letting it go.
 ///
 /// Access out of range gives null, never an error. Counts are plain integers: one thread.
+/// Turning a value into text and letting go of it descend into what it holds by recursion: where a
+/// peer decides how deep that is nested, stop it at some thousand levels.
 class VINDRA_API var {
 public:
     /// Shared part of a string, array or object. Does not know its own kind: handles do.
