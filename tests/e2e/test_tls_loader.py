@@ -243,3 +243,17 @@ def test_a_machine_without_a_loader_cache_is_told(start, hidden, tmp_path, set_u
         words = hidden({CACHE: cache, **{file: "/dev/null" for file in library_files()}})
         CHECKS[set_up](start, None, b"Unable to find ld.so.cache!\n" + NOT_LOADED + b"\n",
                        before=words)
+
+
+def test_the_other_place_of_the_loader_cache_is_read_where_the_first_is_not(start, hidden, tmp_path):
+    other = tmp_path / "ldconfig"
+    other.mkdir()
+    (other / "ld.so.cache").write_bytes(b"\0/lib/libssl.so.other\0")
+    libraries = tmp_path / "libraries"
+    libraries.mkdir()
+    shutil.copyfile(stub("whole"), libraries / "libssl.so.other")
+    with unopenable(tmp_path / "socket") as cache:
+        words = hidden({CACHE: cache, "/var/cache/ldconfig": other,
+                        **{file: "/dev/null" for file in library_files()}})
+        check_plain_set_up(start, {**os.environ, "LD_LIBRARY_PATH": str(libraries)}, b"",
+                           before=words)
