@@ -101,6 +101,18 @@ TEST(sockets, a_wait_with_nothing_registered_sleeps_a_tenth_of_a_second) {
     EXPECT_EQ(sockets::num_ready(), 0);
 }
 
+TEST(sockets, a_wait_sleeps_on_when_nothing_that_was_asked_for_has_come) {
+    const pair_of_ends quiet;
+    sockets::all()->set(quiet.near);
+    EXPECT_GE(seconds_of(sockets::select_all), 0.095) << "a new socket can be written to";
+    EXPECT_EQ(sockets::num_ready(), 0);
+
+    quiet.far.send("a");
+    EXPECT_EQ(quiet.read(), "a");
+    EXPECT_GE(seconds_of(sockets::select_all), 0.095) << "what had come is read already";
+    EXPECT_EQ(sockets::num_ready(), 0);
+}
+
 TEST(sockets, bytes_make_a_socket_readable_until_they_are_read) {
     const pair_of_ends p;
     sockets::all()->set(p.near);
@@ -378,6 +390,26 @@ TEST(sockets, every_descriptor_of_a_large_crowd_is_reported) {
     sockets::select_all();
     EXPECT_EQ(sockets::num_ready(), 2 * crowd);
     for (const pair_of_ends& p : pairs) EXPECT_TRUE(sockets::readable()->test(p.near));
+}
+
+TEST(sockets, reading_and_writing_of_all_that_a_process_may_have_open_is_asked_for_at_once) {
+    constexpr int crowd = 300;
+    const std::vector<pair_of_ends> pairs(crowd);
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    rlimit low = limit;
+    low.rlim_cur = crowd + 100;
+    for (const pair_of_ends& p : pairs) {
+        sockets::all()->set(p.near);
+        p.far.send("x");
+    }
+    for (int wait = 0; wait < 3; ++wait) {
+        for (const pair_of_ends& p : pairs) sockets::ready()->set(p.near);
+        setrlimit(RLIMIT_NOFILE, &low);
+        sockets::select_all();
+        setrlimit(RLIMIT_NOFILE, &limit);
+        EXPECT_EQ(sockets::num_ready(), 2 * crowd) << "wait " << wait;
+    }
 }
 
 TEST(sockets, urgent_data_is_an_exceptional_condition_until_it_is_read) {

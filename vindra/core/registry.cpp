@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <utility>
 
 #include <poll.h>
@@ -87,7 +88,7 @@ bool registry::wait(int milliseconds) {
     ready.erase_all();
 
     const bool hurried = std::exchange(hurried_, false);
-    const bool waited = find_ready(hurried ? 0 : milliseconds);
+    const bool waited = find_ready_within(hurried ? 0 : milliseconds);
     idle_ = waited && !hurried && num_ready == 0;
     if (waited) return true;
     clear_results();
@@ -100,6 +101,20 @@ void registry::clear_results() {
     writable.erase_all();
     errors.erase_all();
     num_ready = 0;
+}
+
+// The kernel's news may be of nothing that was asked for: that a new socket can be written to, or
+// of bytes that have been read since. The wait goes on then.
+bool registry::find_ready_within(int milliseconds) {
+    using std::chrono::steady_clock;
+    const auto end = steady_clock::now() + std::chrono::milliseconds(milliseconds);
+    for (;;) {
+        if (!find_ready(milliseconds)) return false;
+        if (num_ready != 0) return true;
+        const auto left = std::chrono::floor<std::chrono::milliseconds>(end - steady_clock::now());
+        if (left.count() <= 0) return true;
+        milliseconds = static_cast<int>(left.count());
+    }
 }
 
 bool registry::find_ready(int milliseconds) {
@@ -159,6 +174,7 @@ void registry::list_unsettled(int fd, watch& w) {
     w.listed = true;
 }
 
+// One question for each descriptor: poll() refuses more of them than a process may have open.
 void registry::gather_questions() {
     questions_.clear();
 
@@ -168,7 +184,8 @@ void registry::gather_questions() {
         w.listed = all.test(fd) && (w.may_read || w.may_be_urgent);
         if (!w.listed) continue;
         unsettled_[kept++] = fd;
-        const int events = (w.may_read ? POLLIN : 0) | (w.may_be_urgent ? POLLPRI : 0);
+        const int events = (w.may_read ? POLLIN : 0) | (w.may_be_urgent ? POLLPRI : 0) |
+                           (marked_.test(fd) && !w.full ? POLLOUT : 0);
         questions_.push_back({fd, static_cast<short>(events), 0});
     }
     unsettled_.resize(kept);
@@ -176,7 +193,7 @@ void registry::gather_questions() {
     for (std::size_t word = 0; word < marked_.words_.size(); ++word) {
         for (std::uint64_t bits = marked_.words_[word]; bits != 0; bits &= bits - 1) {
             const int fd = static_cast<int>(word * 64) + __builtin_ctzll(bits);
-            if (all.test(fd) && at(fd).full) continue;
+            if (all.test(fd) && (at(fd).full || at(fd).listed)) continue;
             questions_.push_back({fd, POLLOUT, 0});
         }
     }
@@ -206,10 +223,8 @@ bool registry::take_news(int milliseconds) {
 
 void registry::on_answer(int fd, short asked, short answer) {
     const auto events = static_cast<unsigned>(answer);
-    if ((asked & POLLOUT) != 0) {
-        if ((events & write_events) != 0) report(writable, fd);
-        return;
-    }
+    if ((asked & POLLOUT) != 0 && (events & write_events) != 0) report(writable, fd);
+    if ((asked & (POLLIN | POLLPRI)) == 0) return;
 
     watch& w = at(fd);
     if (w.may_read) {

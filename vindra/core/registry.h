@@ -104,6 +104,7 @@ private:
 
     watch& at(int fd);
     void clear_results();
+    bool find_ready_within(int milliseconds);
     bool find_ready(int milliseconds);
     bool apply_changes();
     bool tell_kernel(int fd, watch& w);
