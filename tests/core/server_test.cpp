@@ -731,6 +731,24 @@ TEST_F(server_test, the_count_is_printed_every_six_seconds_and_once_at_zero) {
     EXPECT_EQ(report(7), "");
 }
 
+TEST_F(server_test, the_count_is_due_from_the_sixth_second_on) {
+    far_end far;
+    join(far);
+    // Within one second of the clock, so that the age is what it is meant to be.
+    const auto report = [this](int seconds_ago) {
+        for (;;) {
+            const std::time_t now = std::time(nullptr);
+            server_.last_report = now - seconds_ago;
+            captured_output out;
+            turn();
+            const std::string text = out.take();
+            if (std::time(nullptr) == now) return text;
+        }
+    };
+    EXPECT_EQ(report(5), "");
+    EXPECT_EQ(report(6), "1 connections\n");
+}
+
 TEST_F(server_test, three_thousand_connections_at_once_are_all_served) {
     const captured_output out;
     turn(); // the registry opens a descriptor that stays when it is first used
