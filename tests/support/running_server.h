@@ -62,7 +62,7 @@ public:
     /// Has a backend, whose connection is the last of two, answer with more than its client and
     /// the sockets in between take, and leave. Returns the answer.
     std::string answer_and_leave(far_end& backend) {
-        const std::string answer(std::size_t{24} << 20, 'a');
+        std::string answer(std::size_t{24} << 20, 'a');
         std::size_t sent = 0;
         turn_until([&] {
             sent += backend.send_some(std::string_view(answer).substr(sent));
