@@ -741,7 +741,7 @@ TEST_F(server_test, the_count_is_due_from_the_sixth_second_on) {
             server_.last_report = now - seconds_ago;
             captured_output out;
             turn();
-            const std::string text = out.take();
+            std::string text = out.take();
             if (std::time(nullptr) == now) return text;
         }
     };
