@@ -110,7 +110,7 @@ bool registry::find_ready_within(int milliseconds) {
     const auto end = steady_clock::now() + std::chrono::milliseconds(milliseconds);
     for (;;) {
         if (!find_ready(milliseconds)) return false;
-        if (num_ready != 0) return true;
+        if (num_ready != 0 || !answered_) return true;
         const auto left = std::chrono::floor<std::chrono::milliseconds>(end - steady_clock::now());
         if (left.count() <= 0) return true;
         milliseconds = static_cast<int>(left.count());
@@ -118,6 +118,7 @@ bool registry::find_ready_within(int milliseconds) {
 }
 
 bool registry::find_ready(int milliseconds) {
+    answered_ = false;
     if (!apply_changes()) return false;
     gather_questions();
     if (questions_.empty()) return take_news(milliseconds);
@@ -203,7 +204,9 @@ void registry::gather_questions() {
 // only writes then needs no second one.
 bool registry::ask(int milliseconds, bool& news) {
     questions_.push_back({epoll_, POLLIN, 0});
-    if (poll(questions_.data(), questions_.size(), milliseconds) < 0) return false;
+    const int count = poll(questions_.data(), questions_.size(), milliseconds);
+    answered_ = count > 0;
+    if (count < 0) return false;
 
     news = questions_.back().revents != 0;
     questions_.pop_back();
@@ -217,6 +220,7 @@ bool registry::take_news(int milliseconds) {
 
     const int count =
         epoll_wait(epoll_, news_.data(), static_cast<int>(news_.size()), milliseconds);
+    if (count > 0) answered_ = true;
     for (int i = 0; i < count; ++i) on_news(news_[static_cast<std::size_t>(i)]);
     return count >= 0;
 }

@@ -116,6 +116,8 @@ private:
     void on_news(const epoll_event& event);
     void report(descriptor_set& result, int fd);
 
+    /// The kernel had something to say before its time was over, be it nothing that was asked for.
+    bool answered_ = false;
     bool hurried_ = false;
     bool idle_ = false;
     int epoll_ = -1;
