@@ -4,6 +4,7 @@
 #include "tests/support/far_end.h"
 #include "tests/support/held_port.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -390,6 +391,41 @@ TEST(sockets, every_descriptor_of_a_large_crowd_is_reported) {
     sockets::select_all();
     EXPECT_EQ(sockets::num_ready(), 2 * crowd);
     for (const pair_of_ends& p : pairs) EXPECT_TRUE(sockets::readable()->test(p.near));
+}
+
+// Numbers at both ends of what one word, and one word of words, of a set can name.
+TEST(sockets, numbers_far_apart_are_reported_and_forgotten_alike) {
+    constexpr rlim_t highest = 9000;
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    if (limit.rlim_max < highest) GTEST_SKIP() << "no descriptor may have so high a number";
+    rlimit enough = limit;
+    enough.rlim_cur = std::max(limit.rlim_cur, highest);
+    setrlimit(RLIMIT_NOFILE, &enough);
+
+    const pair_of_ends p;
+    p.far.send("x");
+    std::vector<int> fds;
+    for (const int least : {0, 191, 192, 4031, 4095, 4096, 8191, 8192})
+        fds.push_back(fcntl(p.near, F_DUPFD_CLOEXEC, least));
+    const auto is_result = [](int fd) {
+        return sockets::readable()->test(fd) && sockets::writable()->test(fd);
+    };
+
+    for (const int fd : fds) sockets::all()->set(fd);
+    for (std::size_t members = fds.size();; --members) {
+        for (std::size_t i = 0; i < members; ++i) sockets::ready()->set(fds[i]);
+        sockets::select_all();
+        EXPECT_EQ(sockets::num_ready(), static_cast<int>(2 * members));
+        for (std::size_t i = 0; i < fds.size(); ++i) EXPECT_EQ(is_result(fds[i]), i < members) << i;
+
+        sockets::select_all();
+        EXPECT_EQ(sockets::num_ready(), static_cast<int>(members)) << "none is marked any more";
+        for (const int fd : fds) EXPECT_FALSE(sockets::writable()->test(fd));
+        if (members == 0) break;
+        sockets::close(fds[members - 1]);
+    }
+    setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 TEST(sockets, reading_and_writing_of_all_that_a_process_may_have_open_is_asked_for_at_once) {

@@ -19,19 +19,33 @@ void descriptor_set::clear(int fd) {
 bool descriptor_set::insert(int fd) {
     if (test(fd)) return false;
     const std::size_t word = static_cast<std::size_t>(fd) / 64;
-    if (word >= words_.size()) words_.resize(std::max(word + 1, 2 * words_.size()));
+    if (word >= words_.size()) {
+        words_.resize(std::max(word + 1, 2 * words_.size()));
+        filled_.resize(words_.size() / 64 + 1);
+    }
     words_[word] |= std::uint64_t{1} << (fd % 64);
+    filled_[word / 64] |= std::uint64_t{1} << (word % 64);
     return true;
 }
 
 bool descriptor_set::erase(int fd) {
     if (!test(fd)) return false;
-    words_[static_cast<std::size_t>(fd) / 64] &= ~(std::uint64_t{1} << (fd % 64));
+    const std::size_t word = static_cast<std::size_t>(fd) / 64;
+    words_[word] &= ~(std::uint64_t{1} << (fd % 64));
+    if (words_[word] == 0) filled_[word / 64] &= ~(std::uint64_t{1} << (word % 64));
     return true;
 }
 
 void descriptor_set::erase_all() {
-    std::fill(words_.begin(), words_.end(), 0);
+    for (std::size_t group = 0; group < filled_.size(); ++group) {
+        for_each_bit(group, filled_[group], [this](std::size_t word) { words_[word] = 0; });
+        filled_[group] = 0;
+    }
+}
+
+void descriptor_set::swap(descriptor_set& other) {
+    words_.swap(other.words_);
+    filled_.swap(other.filled_);
 }
 
 } // namespace sockets

@@ -84,7 +84,7 @@ void registry::filled(int fd) {
 
 bool registry::wait(int milliseconds) {
     clear_results();
-    std::swap(marked_.words_, ready.words_);
+    marked_.swap(ready);
     ready.erase_all();
 
     const bool hurried = std::exchange(hurried_, false);
@@ -191,13 +191,11 @@ void registry::gather_questions() {
     }
     unsettled_.resize(kept);
 
-    for (std::size_t word = 0; word < marked_.words_.size(); ++word) {
-        for (std::uint64_t bits = marked_.words_[word]; bits != 0; bits &= bits - 1) {
-            const int fd = static_cast<int>(word * 64) + __builtin_ctzll(bits);
-            if (all.test(fd) && (at(fd).full || at(fd).listed)) continue;
-            questions_.push_back({fd, POLLOUT, 0});
-        }
-    }
+    const auto ask_whether_writable = [this](int fd) {
+        if (all.test(fd) && (at(fd).full || at(fd).listed)) return;
+        questions_.push_back({fd, POLLOUT, 0});
+    };
+    descriptor_set::for_each(ask_whether_writable, marked_);
 }
 
 // Asks about all that is open, and in the same call whether the kernel has news: a turn that

@@ -2,7 +2,6 @@
 
 #include "vindra/core/descriptor_set.h"
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -56,17 +55,7 @@ public:
     /// Calls `visit(fd)` for every descriptor with a result of the last wait.
     template <typename Visit>
     void for_each_result(Visit visit) const {
-        const auto word = [](const descriptor_set& set, std::size_t at) {
-            return at < set.words_.size() ? set.words_[at] : 0;
-        };
-        const std::size_t words =
-            std::max({readable.words_.size(), writable.words_.size(), errors.words_.size()});
-        for (std::size_t at = 0; at < words; ++at) {
-            for (std::uint64_t bits = word(readable, at) | word(writable, at) | word(errors, at);
-                 bits != 0; bits &= bits - 1) {
-                visit(static_cast<int>(at * 64) + __builtin_ctzll(bits));
-            }
-        }
+        descriptor_set::for_each(visit, readable, writable, errors);
     }
 
     /// `all` has gained or lost a number. The kernel is told at the next wait.
