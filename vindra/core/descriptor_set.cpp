@@ -21,10 +21,10 @@ bool descriptor_set::insert(int fd) {
     const std::size_t word = static_cast<std::size_t>(fd) / 64;
     if (word >= words_.size()) {
         words_.resize(std::max(word + 1, 2 * words_.size()));
-        filled_.resize(words_.size() / 64 + 1);
+        occupied_.resize(words_.size() / 64 + 1);
     }
     words_[word] |= std::uint64_t{1} << (fd % 64);
-    filled_[word / 64] |= std::uint64_t{1} << (word % 64);
+    occupied_[word / 64] |= std::uint64_t{1} << (word % 64);
     return true;
 }
 
@@ -32,20 +32,20 @@ bool descriptor_set::erase(int fd) {
     if (!test(fd)) return false;
     const std::size_t word = static_cast<std::size_t>(fd) / 64;
     words_[word] &= ~(std::uint64_t{1} << (fd % 64));
-    if (words_[word] == 0) filled_[word / 64] &= ~(std::uint64_t{1} << (word % 64));
+    if (words_[word] == 0) occupied_[word / 64] &= ~(std::uint64_t{1} << (word % 64));
     return true;
 }
 
 void descriptor_set::erase_all() {
-    for (std::size_t group = 0; group < filled_.size(); ++group) {
-        for_each_bit(group, filled_[group], [this](std::size_t word) { words_[word] = 0; });
-        filled_[group] = 0;
+    for (std::size_t group = 0; group < occupied_.size(); ++group) {
+        for_each_bit(group, occupied_[group], [this](std::size_t word) { words_[word] = 0; });
+        occupied_[group] = 0;
     }
 }
 
 void descriptor_set::swap(descriptor_set& other) {
     words_.swap(other.words_);
-    filled_.swap(other.filled_);
+    occupied_.swap(other.occupied_);
 }
 
 } // namespace sockets

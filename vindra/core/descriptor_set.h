@@ -44,12 +44,13 @@ private:
     void erase_all();
     void swap(descriptor_set& other);
 
-    /// Calls `visit(fd)` for every member of any of the sets, from the lowest to the highest.
+    /// Calls `visit(fd)` once for every member of any of the sets, from the lowest to the highest.
+    /// It must not change the sets.
     template <typename Visit, typename... Sets>
     static void for_each(Visit visit, const Sets&... sets) {
-        const std::size_t groups = std::max({sets.filled_.size()...});
+        const std::size_t groups = std::max({sets.occupied_.size()...});
         for (std::size_t group = 0; group < groups; ++group) {
-            for_each_bit(group, (word_of(sets.filled_, group) | ...), [&](std::size_t word) {
+            for_each_bit(group, (word_of(sets.occupied_, group) | ...), [&](std::size_t word) {
                 for_each_bit(word, (word_of(sets.words_, word) | ...),
                              [&](std::size_t fd) { visit(static_cast<int>(fd)); });
             });
@@ -68,9 +69,9 @@ private:
 
     bits words_;
 
-    /// A bit for each of `words_`: that it is not 0. Where thousands of connections wait, nearly
-    /// all are, and going through them takes a sixth of a turn.
-    bits filled_;
+    /// A bit for each of `words_`, set while that word is not 0. With thousands of connections that
+    /// wait nearly all words are 0, and going through them takes a sixth of a turn.
+    bits occupied_;
 
     /// Told of every change; null on all sets but the watched one.
     registry* registry_ = nullptr;
