@@ -29,6 +29,8 @@ have() {
         diffoscope-minimal) command -v diffoscope ;;
         fail2ban) command -v fail2ban-regex ;;
         ninja-build) command -v ninja ;;
+        monitoring-plugins-basic) [[ -x /usr/lib/nagios/plugins/check_http ]] ;;
+        nftables) command -v nft ;;
         nginx-light) command -v nginx ;;
         chromium-driver) command -v chromedriver ;;
         libssl3) ldconfig -p | grep -F libssl.so. ;;
@@ -36,7 +38,9 @@ have() {
         python3-pytest) /usr/bin/python3 -c 'import pytest' ;;
         python3-pytest-timeout) /usr/bin/python3 -c 'import pytest_timeout' ;;
         python3-selenium) /usr/bin/python3 -c 'import selenium' ;;
+        python3-systemd) /usr/bin/python3 -c 'import systemd.journal' ;;
         python3-websockets) /usr/bin/python3 -c 'import websockets' ;;
+        systemd-journal-remote) [[ -x /lib/systemd/systemd-journal-remote ]] ;;
         lib*-dev) dpkg-query -W -f '${db:Status-Status}\n' "$1" | grep -Fx installed ;;
         *) command -v "$1" ;;
     esac >/dev/null 2>&1

@@ -6,6 +6,7 @@ import re
 import shlex
 import shutil
 import subprocess
+import time
 
 import pytest
 
@@ -29,9 +30,11 @@ BROWSER = "Mozilla/5.0 (X11; Linux x86_64; rv:128.0) Gecko/20100101 Firefox/128.
 
 @pytest.fixture(autouse=True)
 def tools():
-    missing = [tool for tool in ["goaccess", "fail2ban-regex", "logrotate"] if not shutil.which(tool)]
+    tools = ["goaccess", "fail2ban-regex", "logrotate", "/lib/systemd/systemd-journal-remote"]
+    missing = [tool for tool in tools if not shutil.which(tool)]
     if missing:
-        pytest.fail(f"needs {', '.join(missing)}, of Debian's packages goaccess, fail2ban, logrotate")
+        pytest.fail(f"needs {', '.join(missing)}, of Debian's packages goaccess, fail2ban, logrotate, "
+                    "systemd-journal-remote")
 
 
 def ask(program, host="app.local", target="/", agent="curl/7.88.1", forwarded=None):
@@ -138,6 +141,46 @@ def test_fail2ban_takes_a_forged_line_for_a_strangers(serve, tmp_path):
     assert [line.removeprefix(NAMED) for line in found] == [FORGED]
 
 
+# Lines of the journal, in the form that systemd-journal-remote reads.
+ENTRY = """\
+__REALTIME_TIMESTAMP={time}
+_BOOT_ID=00000000000000000000000000000001
+_TRANSPORT=stdout
+_SYSTEMD_UNIT={unit}
+SYSLOG_IDENTIFIER={identifier}
+_COMM={identifier}
+_PID=4711
+_HOSTNAME=debian
+MESSAGE={line}
+
+"""
+
+
+def identifier(unit):
+    """What the unit gives as SyslogIdentifier=, which the journal keeps as SYSLOG_IDENTIFIER."""
+    return re.search(r"(?m)^SyslogIdentifier=(.*)$", (ROOT / "packaging" / unit).read_text())[1]
+
+
+def test_fail2ban_finds_the_lines_of_every_instance_and_of_nobody_else(tmp_path):
+    entries = [("vindra.service", identifier("vindra.service"), "192.0.2.1"),
+               ("vindra@1.service", identifier("vindra@.service"), "192.0.2.2"),
+               ("vindra@b.service", identifier("vindra@.service"), "192.0.2.3"),
+               ("other.service", "other", "192.0.2.4")]
+    now = int(time.time() * 1e6)
+    text = "".join(ENTRY.format(time=now + number, unit=unit, identifier=name,
+                                line=f"[a] {address}:1 GET /.env HTTP/1.1 [x]")
+                   for number, (unit, name, address) in enumerate(entries))
+    journal_file = tmp_path / "lines.journal"
+    subprocess.run(["/lib/systemd/systemd-journal-remote", "-o", journal_file, "-"],
+                   input=text.encode(), check=True, capture_output=True)
+    done = subprocess.run(["fail2ban-regex", "--print-all-matched",
+                           f"systemd-journal[journalfiles='{journal_file}', journalflags=0]",
+                           EXAMPLES / "fail2ban" / "vindra-scan.conf"],
+                          cwd=tmp_path, capture_output=True, text=True)
+    assert re.findall(r"192\.0\.2\.\d", done.stdout) == [address for *_, address in entries[:3]], (
+        done.stdout + done.stderr)
+
+
 class Appending:
     """The program with its output at the end of a file, as the unit's append: has it."""
 
@@ -151,8 +194,9 @@ class Appending:
         self.process.wait(PATIENCE)
 
 
-def test_logrotate_takes_the_file_away_under_the_program(keep, tmp_path):
-    log, port = tmp_path / "vindra.log", keep(HeldPort()).port
+@pytest.mark.parametrize("name", ["vindra.log", "vindra-1.log"])
+def test_logrotate_takes_the_file_away_under_the_program(keep, tmp_path, name):
+    log, port = tmp_path / name, keep(HeldPort()).port
     keep(Appending(log, port))
     wait_until(lambda: b"0 connections" in log.read_bytes(), "the first turn")
 
@@ -162,7 +206,7 @@ def test_logrotate_takes_the_file_away_under_the_program(keep, tmp_path):
 
     visit("/before")
     settings = tmp_path / "settings"
-    settings.write_text((EXAMPLES / "logrotate").read_text().replace("/var/log/vindra.log", str(log)))
+    settings.write_text((EXAMPLES / "logrotate").read_text().replace("/var/log/", f"{tmp_path}/"))
     settings.chmod(0o644)
     subprocess.run(["logrotate", "--force", "--state", tmp_path / "state", settings], check=True,
                    capture_output=True)
