@@ -1,9 +1,12 @@
 #include "vindra/base/var.h"
 
+#include <bit>
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <limits>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <vector>
 
@@ -493,6 +496,97 @@ TEST(var, takes_no_number_for_a_body) {
     EXPECT_NE(compact(array), "[ ERROR_CYCLE ]");
 }
 
+// What applications use besides
+
+TEST(var, takes_every_integer_type) {
+    EXPECT_EQ(text_of(static_cast<std::int8_t>(-7)), "-7");
+    EXPECT_EQ(text_of(static_cast<std::uint16_t>(65535)), "65535");
+    EXPECT_EQ(text_of(4294967295U), "4294967295");
+    EXPECT_EQ(text_of(-9007199254740992L), "-9007199254740992");
+    EXPECT_EQ(text_of(9007199254740992ULL), "9007199254740992");
+    EXPECT_EQ(var('a').kind, var::number_kind);
+    EXPECT_EQ(var(true).kind, var::boolean_kind);
+}
+
+TEST(var, takes_a_view_and_a_null_pointer) {
+    EXPECT_EQ(text_of(std::string_view("a\0bc", 3)), std::string("a\0b", 3));
+    EXPECT_EQ(var(nullptr).kind, var::null_kind);
+}
+
+TEST(var, looks_values_up_by_key) {
+    var object = var::object();
+    object.set("b", 1);
+    object.set("a", nullptr);
+    object.set("b", 2);
+    EXPECT_EQ(text_of(object.get("b")), "2");
+    EXPECT_TRUE(object.has("a"));
+    EXPECT_EQ(object.get("a").kind, var::null_kind);
+    EXPECT_FALSE(object.has("B"));
+    EXPECT_EQ(object.get("B").kind, var::null_kind);
+    EXPECT_EQ(object.keys(), (strings{"b", "a"}));
+}
+
+TEST(var, has_keys_in_objects_alone) {
+    for (const var& value : {var(), var(1), var(true), var("a"), list("a"), var::object()}) {
+        EXPECT_FALSE(value.has("a"));
+        EXPECT_EQ(value.get("a").kind, var::null_kind);
+        EXPECT_EQ(value.keys(), strings{});
+    }
+}
+
+TEST(var, gives_its_own_kind_or_the_default) {
+    EXPECT_EQ(var(2.5).as_number(1), 2.5);
+    EXPECT_EQ(var(false).as_boolean(true), false);
+    EXPECT_EQ(var("a").as_string("b"), "a");
+    EXPECT_EQ(var("").as_string("b"), "");
+    for (const var& value : {var(), list(1), var::object()}) {
+        EXPECT_EQ(value.as_number(), 0);
+        EXPECT_EQ(value.as_number(1), 1);
+        EXPECT_EQ(value.as_boolean(), false);
+        EXPECT_EQ(value.as_boolean(true), true);
+        EXPECT_EQ(value.as_string(), "");
+        EXPECT_EQ(value.as_string("b"), "b");
+    }
+    EXPECT_EQ(var("1").as_number(7), 7);
+    EXPECT_EQ(var(1).as_boolean(), false);
+    EXPECT_EQ(var(1).as_string("b"), "b");
+}
+
+TEST(var, writes_json_for_other_programs) {
+    var object = var::object();
+    object.set("list", list(1, 2.5, true, nullptr, "a\"\n"));
+    object.set(std::string("z\0", 2), std::string_view("\0\0x\xE2\x82\xAC", 6));
+    object.set("none", var::object());
+    EXPECT_EQ(object.to_json(), R"({"list":[1,2.5,true,null,"a\"\n"],)"
+                                R"("z\u0000":"\u0000\u0000x\u20ac","none":{}})");
+    EXPECT_EQ(var("text").to_json(), "\"text\"");
+    EXPECT_EQ(var().to_json(), "null");
+}
+
+TEST(var, writes_numbers_with_enough_digits) {
+    EXPECT_EQ(var(1234567.89).to_json(), "1234567.89");
+    EXPECT_EQ(var(0.1).to_json(), "0.1");
+    EXPECT_EQ(var(1000000).to_json(), "1000000");
+    EXPECT_EQ(var(9007199254740992.0).to_json(), "9007199254740992");
+    EXPECT_EQ(var(std::numeric_limits<double>::infinity()).to_json(), "null");
+    EXPECT_EQ(var(std::nan("")).to_json(), "null");
+    std::uint64_t bits = 1;
+    for (int i = 0; i < 20000; ++i) {
+        bits = bits * 6364136223846793005U + 1442695040888963407U;
+        const auto number = std::bit_cast<double>(bits);
+        if (!std::isfinite(number)) continue;
+        const std::string text = var(number).to_json();
+        ASSERT_EQ(std::strtod(text.c_str(), nullptr), number) << text;
+    }
+}
+
+TEST(var, writes_json_of_a_cycle_as_null) {
+    var array = list(1);
+    array.push(array);
+    EXPECT_EQ(array.to_json(), "[1,null]");
+    break_cycle(array);
+}
+
 // Handles set by hand
 
 TEST(var, of_an_unknown_kind_has_no_text) {
@@ -500,6 +594,7 @@ TEST(var, of_an_unknown_kind_has_no_text) {
         var value;
         value.kind = kind;
         EXPECT_EQ(text_of(value), "");
+        EXPECT_EQ(value.to_json(), "null");
         EXPECT_EQ(value.size(), 0);
         EXPECT_EQ(value.get(0).kind, 0);
         const var copy = value;
@@ -515,6 +610,9 @@ TEST(var, without_a_body_is_empty) {
         var value;
         value.kind = kind;
         EXPECT_EQ(pretty(value), texts[kind - 3]);
+        EXPECT_EQ(value.to_json(), texts[kind - 3]);
+        EXPECT_EQ(value.get("a").kind, 0);
+        EXPECT_EQ(value.as_string("b"), kind == var::string_kind ? "" : "b");
         EXPECT_EQ(value.size(), 0);
         EXPECT_EQ(value.get(0).kind, 0);
         value.push(1);

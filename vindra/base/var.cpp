@@ -3,6 +3,7 @@
 #include "vindra/base/escape.h"
 #include "vindra/base/num.h"
 
+#include <charconv>
 #include <cmath>
 #include <cstdlib>
 #include <utility>
@@ -141,6 +142,50 @@ std::string container_json(const var& handle, stack_type& stack, bool pretty) {
     return text;
 }
 
+// Whole numbers as people write them, others with the digits that tell them apart.
+std::string exact_number(double number) {
+    constexpr double written_out_max = 9007199254740992.0;
+    if (!std::isfinite(number)) return "null";
+    if (std::trunc(number) == number && std::abs(number) <= written_out_max)
+        return base::num(number);
+    char text[32];
+    return {text, std::to_chars(std::begin(text), std::end(text), number).ptr};
+}
+
+// base::escape() writes a zero byte in a way that JSON does not know.
+std::string exact_string(const std::string& text) {
+    std::string quoted = "\"";
+    std::size_t at = 0;
+    for (std::size_t zero = 0; (zero = text.find('\0', at)) != std::string::npos; at = zero + 1) {
+        quoted += base::escape(text.substr(at, zero - at), true);
+        quoted += "\\u0000";
+    }
+    return quoted + base::escape(text.substr(at), true) + '"';
+}
+
+std::string exact_json(const var& handle, stack_type& stack) {
+    if (handle.kind == var::number_kind) return exact_number(handle.value.number);
+    if (const std::string* text = string_of(handle)) return exact_string(*text);
+    const array_type* const array = array_of(handle);
+    const object_type* const object = object_of(handle);
+    if (!array && !object) {
+        const std::string text = handle.to_json_helper(stack, false);
+        return text.empty() ? "null" : text;
+    }
+    if (is_inside(stack, handle.value.data)) return "null";
+
+    stack.add(handle.value.data);
+    std::string text(1, array ? '[' : '{');
+    for (int i = 0; i < handle.size(); ++i) {
+        if (i > 0) text += ',';
+        if (object) text += exact_string(*object->keys[i]) + ':';
+        const var* element = array ? array->items[i] : object->get(*object->keys[i]);
+        text += element ? exact_json(*element, stack) : "null";
+    }
+    pop(stack);
+    return text + (array ? ']' : '}');
+}
+
 } // namespace
 
 var::var_data::~var_data() = default;
@@ -154,6 +199,8 @@ var::var(bool boolean) : kind(boolean_kind), value{.boolean = boolean} {}
 var::var(const char* text) : var(string_kind, new std::string(text)) {}
 
 var::var(const std::string& text) : var(string_kind, new std::string(text)) {}
+
+var::var(std::string_view text) : var(std::string(text)) {}
 
 var::var(std::int32_t body_kind, void* payload) : kind(body_kind) {
     auto* body = new var_data(payload);
@@ -216,6 +263,39 @@ var var::get(int index) const {
     return std::string(1, (*string_of(*this))[static_cast<std::size_t>(index)]);
 }
 
+var var::get(std::string_view key) const {
+    const object_type* object = object_of(*this);
+    const var* element = object ? object->get(std::string(key)) : nullptr;
+    return element ? *element : var();
+}
+
+bool var::has(std::string_view key) const {
+    const object_type* object = object_of(*this);
+    return object && object->get(std::string(key)) != nullptr;
+}
+
+std::vector<std::string> var::keys() const {
+    std::vector<std::string> all;
+    if (const object_type* object = object_of(*this)) {
+        for (unsigned i = 0; i < object->count; ++i) all.push_back(*object->keys[i]);
+    }
+    return all;
+}
+
+double var::as_number(double otherwise) const {
+    return kind == number_kind ? value.number : otherwise;
+}
+
+bool var::as_boolean(bool otherwise) const {
+    return kind == boolean_kind ? value.boolean != 0 : otherwise;
+}
+
+std::string var::as_string(std::string_view otherwise) const {
+    if (kind != string_kind) return std::string(otherwise);
+    const std::string* text = string_of(*this);
+    return text ? *text : "";
+}
+
 void var::push(const var& item) {
     if (array_type* array = array_of(*this)) array->add(new var(item));
 }
@@ -272,4 +352,9 @@ std::string var::to_json_helper(base::arraylist<var_data*>& stack, bool pretty) 
     default:
         return "";
     }
+}
+
+std::string var::to_json() const {
+    base::arraylist<var_data*> stack;
+    return exact_json(*this, stack);
 }

@@ -4,8 +4,12 @@
 #include "vindra/base/export.h"
 #include "vindra/base/hashmap.h"
 
+#include <concepts>
+#include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
+#include <vector>
 
 /// Dynamic value: null, a number, a boolean, a string, an array or an object.
 ///
@@ -47,17 +51,21 @@ public:
 
     /// Null.
     var() = default;
+    var(std::nullptr_t) {}
 
-    /// A number, or a boolean.
+    /// A number, or a boolean. Beyond 2^53 an integer becomes the nearest double.
     var(double number);
     var(int number);
     var(bool boolean);
+    template <std::integral T>
+    var(T number) : var(static_cast<double>(number)) {}
 
     /// A string of the bytes up to the first zero byte; `text` is not null.
     var(const char* text);
 
     /// A string of all bytes of `text`, zero bytes included.
     var(const std::string& text);
+    var(std::string_view text);
 
     /// Other pointers are no values; without this each would read as true.
     var(const void*) = delete;
@@ -85,6 +93,20 @@ public:
     /// a string; a negative index counts from the end. Null when there is no such thing.
     var get(int index) const;
 
+    /// Value that an object holds under `key`, which may hold null; null where there is none and
+    /// for all other kinds. has() tells whether there is such a key.
+    var get(std::string_view key) const;
+    bool has(std::string_view key) const;
+
+    /// Keys of an object in order of insertion; none for all other kinds.
+    std::vector<std::string> keys() const;
+
+    /// The number, the boolean or the string that this is; `otherwise` where it is of another
+    /// kind. Nothing is converted.
+    double as_number(double otherwise = 0) const;
+    bool as_boolean(bool otherwise = false) const;
+    std::string as_string(std::string_view otherwise = "") const;
+
     /// Appends a handle that shares the body of `item`. Does nothing unless this is an array.
     void push(const var& item);
 
@@ -106,6 +128,11 @@ public:
     /// ERROR_CYCLE; start with an empty one, which is left empty. Infinities and NaN are
     /// written as null. A zero byte in a string is the one thing that JSON readers refuse.
     std::string to_json_helper(base::arraylist<var_data*>& stack, bool pretty) const;
+
+    /// JSON text (RFC 8259) of this value for other programs: on one line, a zero byte in a string
+    /// as `\u0000`, and each number with the fewest digits that read as the same double. A value
+    /// inside itself is written as null.
+    std::string to_json() const;
 
     /// One of the kinds above.
     std::int32_t kind = null_kind;
