@@ -76,9 +76,11 @@ protected:
         fs::create_symlink(file, link);
     }
 
-    // What a program that starts with that path prints of the library's account of itself.
+    // What a program that starts with that path prints of the library's account of itself. It
+    // stands beside this one.
     std::string account() const {
-        return output_of("LD_LIBRARY_PATH='" + folder_.path("") + "' " SHOW_IMPORT);
+        const fs::path program = fs::read_symlink("/proc/self/exe").parent_path() / "show_import";
+        return output_of("LD_LIBRARY_PATH='" + folder_.path("") + "' '" + program.string() + "'");
     }
 
     temporary_folder folder_;
