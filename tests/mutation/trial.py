@@ -1,0 +1,115 @@
+"""One fault: compiled, linked into the programs that reach it, and met by their tests."""
+
+import building
+import running
+
+# The quickest cases go first: most faults are seen at once.
+FIRST_SECONDS = 1.0
+CONFIRMATIONS = 3
+
+
+class Worker:
+    """A folder of its own, so that two can work at a time."""
+
+    def __init__(self, folder, compiler, reach):
+        self.folder, self.compiler, self.reach = folder, compiler, reach
+
+    def try_out(self, fault, source):
+        """(verdict, detail); the verdict is None for one that does not count."""
+        lines = self.reach.lines_of(fault)
+        if not lines:
+            return None, "no code"
+        cases = self._cases(lines)
+        objects = self._objects(fault, lines, cases)
+        text = fault.applied(source)
+        changed = {}
+        for wanted in objects:
+            out = self.compiler.compile(wanted, fault.file, text, self.folder)
+            if out is None:
+                return None, "does not compile"
+            if not self.compiler.is_as_built(wanted, out):
+                changed[wanted] = out
+        if not changed:
+            return None, "the same object"
+
+        count = sum(len(names) for names in cases.values())
+        for program in self._in_order(cases, fault):
+            verdict, detail = self._meet(program, cases[program], changed)
+            if verdict != "survived":
+                return verdict, detail
+        if self._is_optimised_away(changed, fault, text):
+            return None, "the same object once optimised"
+        return "survived", f"{count} cases reach it" if count else "no case reaches it"
+
+    def _cases(self, lines):
+        """{program: cases}"""
+        found = {}
+        for line in lines:
+            for program, names in self.reach.cases.get(line, {}).items():
+                found.setdefault(program, {}).update(dict.fromkeys(names))
+        return {program: list(names) for program, names in found.items()}
+
+    def _objects(self, fault, lines, cases):
+        if fault.file.endswith(".cpp"):
+            return self.compiler.objects_of(fault.file)
+        by_program = {}
+        for line in lines:
+            for program, functions in self.reach.functions[line].items():
+                by_program.setdefault(program, set()).update(functions)
+        chosen = []
+        for program in sorted(cases) or sorted(by_program)[:1]:
+            chosen += self.compiler.objects_with(by_program.get(program, ()), [program])
+        return list(dict.fromkeys(chosen))
+
+    def _in_order(self, cases, fault):
+        """The programs of the source's own folder first."""
+        own = f"tests/{fault.file.split('/')[1]}/"
+        return sorted(cases, key=lambda program: (not program.startswith(own), program))
+
+    def _meet(self, program, names, changed):
+        seconds = self.reach.seconds[program]
+        others = {other for name in names for other in self.reach.others[program, name]}
+        for path in [*sorted(others), program]:
+            own = set(self.compiler.objects_in(path))
+            fit = {wanted: out for wanted, out in changed.items() if wanted in own}
+            linked = self.compiler.link(path, fit, self.folder)
+            if linked is None:
+                return None, "does not link"
+
+        names = sorted(names, key=lambda name: seconds[name])
+        total, first = 0.0, 0
+        while first < len(names) and (first == 0 or total + seconds[names[first]] <= FIRST_SECONDS):
+            total += seconds[names[first]]
+            first += 1
+        for portion in (names[:first], names[first:]):
+            verdict, detail = self._run(linked, program, portion, seconds)
+            if verdict != "survived":
+                return verdict, detail
+        return "survived", ""
+
+    def _run(self, linked, program, names, seconds):
+        """A failure counts when it comes again with the fault and does not come without."""
+        names, doubts = list(names), {}
+        while names:
+            outcome, case = running.run(linked, names, self.folder, seconds)
+            if outcome == "passed":
+                return "survived", ""
+            if case not in names:
+                case = names[0]
+            again = outcome if outcome == "timed out" else running.run(linked, [case], self.folder, seconds)[0]
+            without = running.run(building.OBJECTS / program, [case], self.folder, seconds)[0]
+            if again != "passed" and without == "passed":
+                return "killed", f"{case} {outcome}"
+            doubts[case] = doubts.get(case, 0) + 1
+            if doubts[case] == CONFIRMATIONS:
+                names.remove(case)
+        return "survived", ""
+
+    def _is_optimised_away(self, changed, fault, text):
+        for wanted in changed:
+            plain = self.compiler.compile(wanted, fault.file, None, self.folder, optimised=True)
+            plain = plain and plain.read_bytes()
+            out = self.compiler.compile(wanted, fault.file, text, self.folder, optimised=True)
+            if plain is None or out is None or plain != out.read_bytes():
+                return False
+        return True
