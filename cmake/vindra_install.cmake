@@ -1,4 +1,5 @@
-# What `cmake --install` puts where: the program with its manual page and completions, both
+# What `cmake --install` puts where: the program and vindra-check with their manual pages and
+# completions, both
 # libraries, the headers that a consumer can include, and what CMake and pkg-config need to find
 # them.
 include(CMakePackageConfigHelpers)
@@ -6,14 +7,20 @@ include(CMakePackageConfigHelpers)
 set(vindra_package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/vindra")
 
 install(TARGETS vindra)
-install(FILES "${PROJECT_SOURCE_DIR}/packaging/vindra.1" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
+install(PROGRAMS "${PROJECT_SOURCE_DIR}/packaging/vindra-check" DESTINATION "${CMAKE_INSTALL_BINDIR}")
+install(FILES "${PROJECT_SOURCE_DIR}/packaging/vindra.1" "${PROJECT_SOURCE_DIR}/packaging/vindra-check.1"
+        DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
 set(vindra_completions "${PROJECT_SOURCE_DIR}/packaging/completions")
 install(FILES "${vindra_completions}/vindra.bash"
         DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" RENAME vindra)
+install(FILES "${vindra_completions}/vindra.bash"
+        DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" RENAME vindra-check)
 install(FILES "${vindra_completions}/_vindra"
         DESTINATION "${CMAKE_INSTALL_DATADIR}/zsh/site-functions")
 install(FILES "${vindra_completions}/vindra.fish"
         DESTINATION "${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d")
+install(FILES "${vindra_completions}/vindra.fish"
+        DESTINATION "${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d" RENAME vindra-check.fish)
 
 install(TARGETS vindra_library vindra_shared vindra_usage EXPORT vindraTargets)
 install(EXPORT vindraTargets NAMESPACE vindra:: DESTINATION "${vindra_package_dir}")

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Completion for vindra(1). The words of an option are counted, since only some are files.
+# Completion for vindra(1) and vindra-check(1). The words of an option are counted, since only some are files.
 
 # Names what the word under the cursor stands for: port, option, ssl_port, key, crt, host, local_port.
 _vindra_place() {
@@ -39,4 +39,24 @@ _vindra() {
     esac
 }
 
+# Its own options, and behind "--" the program's arguments.
+_vindra_check() {
+    local current=${COMP_WORDS[COMP_CWORD]} at
+    for ((at = 1; at < COMP_CWORD; ++at)); do
+        if [[ ${COMP_WORDS[at]} == -- ]]; then
+            COMP_WORDS=(vindra "${COMP_WORDS[@]:at+1}")
+            ((COMP_CWORD -= at))
+            _vindra
+            return
+        fi
+    done
+    case ${COMP_WORDS[COMP_CWORD - 1]} in
+        -d) COMPREPLY=() ;;
+        -f) mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
+        -u) mapfile -t COMPREPLY < <(compgen -u -- "$current") ;;
+        *) mapfile -t COMPREPLY < <(compgen -W '-d -f -u --' -- "$current") ;;
+    esac
+}
+
 complete -o filenames -F _vindra vindra
+complete -o filenames -F _vindra_check vindra-check

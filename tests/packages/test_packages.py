@@ -18,6 +18,7 @@ LIBRARIES = f"/usr/lib/{os.uname().machine}-linux-gnu"
 COPYRIGHT = "/usr/share/doc/{}/copyright"
 EXECUTABLES = {
     "/usr/bin/vindra",
+    "/usr/bin/vindra-check",
     "/usr/share/doc/vindra/examples/dehydrated-hook",
     "/usr/share/doc/vindra/examples/lego-hook",
     "/usr/share/doc/vindra/examples/vindra-certificate",
@@ -30,6 +31,7 @@ CONTENTS = [
         "/lib/systemd/system/vindra.service",
         "/lib/systemd/system/vindra@.service",
         "/usr/bin/vindra",
+        "/usr/bin/vindra-check",
         "/usr/lib/sysusers.d/vindra.conf",
         "/usr/share/bash-completion/completions/vindra",
         "/usr/share/doc/vindra/README.md",
@@ -37,6 +39,7 @@ CONTENTS = [
         "/usr/share/doc/vindra/docs/deploy.md",
         "/usr/share/doc/vindra/examples/vindra-certificate",
         "/usr/share/fish/vendor_completions.d/vindra.fish",
+        "/usr/share/man/man1/vindra-check.1.gz",
         "/usr/share/man/man1/vindra.1.gz",
         "/usr/share/zsh/vendor-completions/_vindra",
     }),
@@ -73,10 +76,10 @@ def test_all_is_roots_and_only_programs_are_executable(packages, name):
             assert mode == ("-rwxr-xr-x" if path in EXECUTABLES else "-rw-r--r--"), path
 
 
-def test_the_runtime_is_needed_and_the_tls_library_recommended(packages):
+def test_the_runtime_is_needed_and_tls_recommended(packages):
     needed = re.findall(r"[\w.+-]+(?= \()", packages.field("vindra", "Depends"))
     assert needed == ["libc6", "libgcc-s1", "libstdc++6"]
-    assert packages.field("vindra", "Recommends") == "libssl3"
+    assert packages.field("vindra", "Recommends") == "libssl3, openssl"
 
 
 def test_the_library_is_tied_to_its_minor_version(packages):
