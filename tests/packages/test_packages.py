@@ -21,6 +21,7 @@ EXECUTABLES = {
     "/usr/bin/vindra-check",
     "/usr/share/doc/vindra/examples/dehydrated-hook",
     "/usr/share/doc/vindra/examples/lego-hook",
+    "/usr/share/doc/vindra/examples/vindra-balance",
     "/usr/share/doc/vindra/examples/vindra-certificate",
 }
 OPTIONS = ["--force-not-root", "--force-script-chrootless", "--force-depends", "--log=/dev/null"]
