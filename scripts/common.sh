@@ -24,16 +24,19 @@ quietly() {
 have() {
     case $1 in
         abigail-tools) command -v abidw ;;
-        build-essential) dpkg-query -W -f '${db:Status-Status}\n' "$1" | grep -Fx installed ;;
+        build-essential | crossbuild-essential-* | googletest) dpkg-query -W -f '${db:Status-Status}\n' "$1" | grep -Fx installed ;;
         debhelper) command -v dh ;;
         diffoscope-minimal) command -v diffoscope ;;
         fail2ban) command -v fail2ban-regex ;;
+        g++-aarch64-linux-gnu) command -v aarch64-linux-gnu-g++ ;;
         ninja-build) command -v ninja ;;
         monitoring-plugins-basic) [[ -x /usr/lib/nagios/plugins/check_http ]] ;;
         nftables) command -v nft ;;
         nginx-light) command -v nginx ;;
         chromium-driver) command -v chromedriver ;;
+        iproute2) command -v ip ;;
         libssl3) ldconfig -p | grep -F libssl.so. ;;
+        qemu-user) command -v qemu-aarch64 ;;
         python3-matplotlib) /usr/bin/python3 -c 'import matplotlib' ;;
         python3-pytest) /usr/bin/python3 -c 'import pytest' ;;
         python3-pytest-timeout) /usr/bin/python3 -c 'import pytest_timeout' ;;

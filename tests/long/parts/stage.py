@@ -46,16 +46,21 @@ class Backend:
 
 
 class Watched:
-    """The program under a long load: its lines are counted, not kept."""
+    """The program under a long load: its lines are counted, not kept.
 
-    def __init__(self, *words):
+    `wrapper` is a command that becomes the one behind it, with the same process number.
+    """
+
+    def __init__(self, *words, wrapper=()):
         self.lines = {}
-        self._process = subprocess.Popen([program_path(), *map(str, words)],
+        self._process = subprocess.Popen([*wrapper, program_path(), *map(str, words)],
                                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
         self.pid = self._process.pid
         self._reader = threading.Thread(target=self._count, daemon=True)
         self._reader.start()
-        wait_until(lambda: self.counted(b"0 connections\n"), "the first turn")
+        # One that joins others on a port may have clients in its first turn.
+        wait_until(lambda: self.counted(b"0 connections\n") or self.counted(b"connections\n"),
+                   "the first turn")
         self.descriptors_at_rest = self.descriptors()
 
     def _count(self):
@@ -86,6 +91,13 @@ class Watched:
     def await_rest(self, seconds=30):
         wait_until(lambda: self.descriptors() == self.descriptors_at_rest,
                    f"{self.descriptors_at_rest} descriptors, not {self.descriptors()}", seconds)
+
+    def kill(self):
+        """End it in the middle of everything."""
+        self._process.kill()
+        self._process.wait(PATIENCE)
+        self._reader.join(PATIENCE)
+        self._process.stdout.close()
 
     def close(self):
         """Interrupt it; the end has to be the documented one."""
