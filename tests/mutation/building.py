@@ -140,9 +140,9 @@ class Compiler:
                    for wanted in self.objects_of(source) if "/vindra_" in wanted]
         return own + [wanted for wanted in library if wanted not in own]
 
-    def link(self, program, changed, folder):
+    def link(self, program, changed, folder, *options):
         """Links `program` with {object of the build: object with the fault}; None if that fails."""
-        command = list(self.link_command(str(program)))
+        command = [*self.link_command(str(program)), *options]
         out = folder / program
         out.parent.mkdir(parents=True, exist_ok=True)
         command[command.index("-o") + 1] = str(out)

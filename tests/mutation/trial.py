@@ -1,5 +1,7 @@
 """One fault: compiled, linked into the programs that reach it, and met by their tests."""
 
+import pathlib
+
 import building
 import running
 
@@ -37,6 +39,9 @@ class Worker:
             verdict, detail = self._meet(program, cases[program], changed)
             if verdict != "survived":
                 return verdict, detail
+        for program in self._in_order(cases, fault):
+            if self._leaks(program, cases[program], changed):
+                return "killed", f"{pathlib.Path(program).name} leaks"
         if self._is_optimised_away(changed, fault, text):
             return None, "the same object once optimised"
         return "survived", f"{count} cases reach it" if count else "no case reaches it"
@@ -104,6 +109,19 @@ class Worker:
             if doubts[case] == CONFIRMATIONS:
                 names.remove(case)
         return "survived", ""
+
+    def _leaks(self, program, names, changed):
+        """Whether the leak checker sees the fault, and nothing without it."""
+        options = f"suppressions={building.TREE}/tests/support/leaks.supp:print_suppressions=0"
+        for objects, expected in ((changed, False), ({}, True)):
+            fit = {wanted: out for wanted, out in objects.items() if wanted in self.compiler.objects_in(program)}
+            linked = self.compiler.link(program, fit, self.folder, "-fsanitize=leak")
+            if linked is None:
+                return False
+            outcome = running.run(linked, names, self.folder, self.reach.seconds[program], {"LSAN_OPTIONS": options})
+            if (outcome[0] == "passed") != expected:
+                return False
+        return True
 
     def _is_optimised_away(self, changed, fault, text):
         for wanted in changed:
