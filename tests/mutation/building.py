@@ -166,16 +166,14 @@ class Compiler:
             self.symbols[wanted] = found
         return self.symbols[wanted]
 
-    def objects_with(self, symbols, programs):
-        """Few objects that, compiled again, change all these functions in all these programs."""
-        chosen = []
-        for program in programs:
-            objects = self.objects_in(program)
-            for symbol in sorted(symbols):
-                having = [wanted for wanted in objects if symbol in self.symbols_of(wanted)]
-                own = [wanted for wanted in having if not self.symbols_of(wanted)[symbol]]
-                if own:
-                    chosen += own
-                elif having and not any(wanted in chosen for wanted in having):
-                    chosen.append(having[0])
+    def objects_with(self, symbols, program):
+        """Few objects that, compiled again, change all these functions in a program."""
+        chosen, objects = [], self.objects_in(program)
+        for symbol in sorted(symbols):
+            having = [wanted for wanted in objects if symbol in self.symbols_of(wanted)]
+            own = [wanted for wanted in having if not self.symbols_of(wanted)[symbol]]
+            if own:
+                chosen += own
+            elif having and not any(wanted in chosen for wanted in having):
+                chosen.append(having[0])
         return list(dict.fromkeys(chosen))

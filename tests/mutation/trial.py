@@ -22,28 +22,30 @@ class Worker:
         if not lines:
             return None, "no code"
         cases = self._cases(lines)
-        objects = self._objects(fault, lines, cases)
         text = fault.applied(source)
-        changed = {}
-        for wanted in objects:
-            out = self.compiler.compile(wanted, fault.file, text, self.folder)
-            if out is None:
-                return None, "does not compile"
-            if not self.compiler.is_as_built(wanted, out):
-                changed[wanted] = out
-        if not changed:
-            return None, "the same object"
-
-        count = sum(len(names) for names in cases.values())
-        for program in self._in_order(cases, fault):
+        compiled, changed = {}, {}
+        for program in self._in_order(cases, fault) or [None]:
+            for wanted in self._objects(fault, lines, program):
+                if wanted in compiled:
+                    continue
+                out = compiled[wanted] = self.compiler.compile(wanted, fault.file, text, self.folder)
+                if out is None:
+                    return None, "does not compile"
+                if not self.compiler.is_as_built(wanted, out):
+                    changed[wanted] = out
+            if not changed or program is None:
+                continue
             verdict, detail = self._meet(program, cases[program], changed)
             if verdict != "survived":
                 return verdict, detail
+        if not changed:
+            return None, "the same object"
         for program in self._in_order(cases, fault):
             if self._leaks(program, cases[program], changed):
                 return "killed", f"{pathlib.Path(program).name} leaks"
         if self._is_optimised_away(changed, fault, text):
             return None, "the same object once optimised"
+        count = sum(len(names) for names in cases.values())
         return "survived", f"{count} cases reach it" if count else "no case reaches it"
 
     def _cases(self, lines):
@@ -54,17 +56,16 @@ class Worker:
                 found.setdefault(program, {}).update(dict.fromkeys(names))
         return {program: list(names) for program, names in found.items()}
 
-    def _objects(self, fault, lines, cases):
+    def _objects(self, fault, lines, program):
+        """What to compile again for `program`; for any one when it is None."""
         if fault.file.endswith(".cpp"):
             return self.compiler.objects_of(fault.file)
-        by_program = {}
+        functions = {}
         for line in lines:
-            for program, functions in self.reach.functions[line].items():
-                by_program.setdefault(program, set()).update(functions)
-        chosen = []
-        for program in sorted(cases) or sorted(by_program)[:1]:
-            chosen += self.compiler.objects_with(by_program.get(program, ()), [program])
-        return list(dict.fromkeys(chosen))
+            for other, names in self.reach.functions[line].items():
+                functions.setdefault(other, set()).update(names)
+        program = program or min(functions)
+        return self.compiler.objects_with(functions.get(program, ()), program)
 
     def _in_order(self, cases, fault):
         """The programs of the source's own folder first."""

@@ -7,6 +7,7 @@
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 namespace {
 
@@ -91,6 +92,17 @@ TEST_F(loader_cache, is_appended_to_what_is_there) {
     std::string out = "abcde\n";
     EXPECT_EQ(get_strings(path, out), 1);
     EXPECT_EQ(out, "abcde\nfghij\n");
+}
+
+TEST_F(loader_cache, is_closed_again) {
+    const auto lowest_free_number = [] {
+        const int fd = dup(STDERR_FILENO);
+        close(fd);
+        return fd;
+    };
+    const int before = lowest_free_number();
+    text_of("abcde" + zeros(1));
+    EXPECT_EQ(lowest_free_number(), before);
 }
 
 TEST_F(loader_cache, that_cannot_be_opened_gives_0_and_leaves_the_text) {
