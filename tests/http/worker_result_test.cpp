@@ -317,6 +317,124 @@ TEST(answer_later, lets_the_loop_sleep_while_a_finished_result_cannot_leave) {
 
 namespace {
 
+// Answers with what the test says, head and all.
+class whole_connection : public http_connection {
+public:
+    explicit whole_connection(std::function<http_answer()> answer) : compute(std::move(answer)) {}
+    void on_headers() override {}
+    void on_request() override { accepted = answer_later(*this, compute); }
+    std::function<http_answer()> compute;
+    bool accepted = false;
+};
+
+// What a request brings once its answer is there, and whether the connection stays open.
+drained late_answer_to(const std::string& request, std::function<http_answer()> compute) {
+    const std::unique_ptr<whole_connection> conn(new whole_connection(std::move(compute)));
+    feed(*conn, request);
+    EXPECT_TRUE(conn->accepted);
+    await_done(first_result(*conn));
+    drained sent = drain(*conn);
+    EXPECT_EQ(conn->timeout, 10);
+    return sent;
+}
+
+http_answer teapot() {
+    return {418, "text/plain", "short"};
+}
+
+} // namespace
+
+TEST(answer_later, sends_a_whole_answer) {
+    const drained sent = late_answer_to("GET / HTTP/1.1\r\n\r\n", teapot);
+    EXPECT_EQ(sent.bytes(), "HTTP/1.1 418 \r\nContent-Type: text/plain\r\n"
+                            "Content-Length: 5\r\n\r\nshort");
+    EXPECT_TRUE(sent.open);
+}
+
+TEST(answer_later, sends_nothing_of_a_whole_answer_before_it_is_there) {
+    gate g;
+    const std::unique_ptr<whole_connection> conn(new whole_connection([entry = g.entry()] {
+        entry.wait();
+        return teapot();
+    }));
+    feed(*conn, "GET / HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(drain(*conn).bytes(), "");
+    EXPECT_EQ(conn->timeout, -1);
+    g.open();
+    await_done(first_result(*conn));
+    EXPECT_NE(drain(*conn).bytes(), "");
+}
+
+TEST(answer_later, gives_old_clients_whole_answers_too) {
+    const drained sent = late_answer_to("GET / HTTP/1.0\r\n\r\n", teapot);
+    EXPECT_EQ(sent.bytes(), "HTTP/1.1 418 \r\nContent-Type: text/plain\r\nContent-Length: 5\r\n"
+                            "Connection: close\r\n\r\nshort");
+    EXPECT_FALSE(sent.open);
+}
+
+TEST(answer_later, leaves_the_body_of_a_whole_answer_out_for_head) {
+    EXPECT_EQ(late_answer_to("HEAD / HTTP/1.1\r\n\r\n", teapot).bytes(),
+              "HTTP/1.1 418 \r\nContent-Type: text/plain\r\nContent-Length: 5\r\n\r\n");
+}
+
+TEST(answer_later, sends_bodies_of_any_size) {
+    std::string body(5000000, 'b');
+    body[7] = '\0';
+    const auto compute = [&] { return http_answer{.body = body}; };
+    EXPECT_EQ(late_answer_to("GET / HTTP/1.1\r\n\r\n", compute).bytes(),
+              "HTTP/1.1 200 OK\r\nContent-Length: 5000000\r\n\r\n" + body);
+}
+
+TEST(answer_later, answers_500_where_there_is_no_answer) {
+    const std::function<http_answer()> functions[] = {
+        []() -> http_answer { throw std::runtime_error("any"); },
+        []() -> http_answer { throw 7; },
+        [] { return http_answer{.status = 100}; },
+        nullptr,
+    };
+    for (const auto& f : functions) {
+        const drained sent = late_answer_to("GET / HTTP/1.1\r\n\r\n", f);
+        EXPECT_EQ(sent.bytes(), "HTTP/1.1 500 Internal Server Error\r\nContent-Length: 0\r\n\r\n");
+        EXPECT_TRUE(sent.open);
+    }
+}
+
+TEST(answer_later, keeps_whole_answers_in_the_order_of_their_requests) {
+    const std::unique_ptr<whole_connection> conn(new whole_connection(nullptr));
+    gate g;
+    std::string expected;
+    for (int i = 1; i <= 3; ++i) {
+        conn->compute = [entry = g.entry(), i] {
+            if (i == 1) entry.wait();
+            return http_answer{.body = std::to_string(i)};
+        };
+        conn->extra_headers = "N: " + std::to_string(i) + "\r\n";
+        feed(*conn, "GET / HTTP/1.1\r\n\r\n");
+        expected += "HTTP/1.1 200 OK\r\nContent-Length: 1\r\nN: " + std::to_string(i) + "\r\n\r\n" +
+                    std::to_string(i);
+    }
+    await_done(*conn->parts.tail->value->result);
+    EXPECT_EQ(drain(*conn).bytes(), "");
+    g.open();
+    std::string sent;
+    while (conn->parts.count > 0) {
+        await_done(first_result(*conn));
+        sent += send_once(*conn).bytes;
+    }
+    EXPECT_EQ(sent, expected);
+    EXPECT_EQ(conn->timeout, 10);
+}
+
+TEST(answer_later, gives_no_second_whole_answer) {
+    const std::unique_ptr<whole_connection> conn(new whole_connection(teapot));
+    conn->write("HTTP/1.1 200 OK\r\n", "x");
+    EXPECT_FALSE(answer_later(*conn, teapot));
+    EXPECT_EQ(conn->parts.count, 1);
+    EXPECT_EQ(conn->timeout, 10);
+}
+
+namespace {
+
 // One gate for every connection that a server makes.
 gate* common_gate = nullptr;
 

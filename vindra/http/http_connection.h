@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -26,13 +27,14 @@ class deferred_result;
 ///
 /// The hooks as they are here make a plain answerer that echoes each request's head.
 ///
-/// Every hook may queue output (write(), send_message(), publish(), parts of its own), join and
-/// leave channels, and change fields. None may block, close `fd` or delete a connection: to
-/// end this one, clear `keep_alive` and set `timeout` to 0.
+/// Every hook may queue output (write(), answer(), send_message(), publish(), parts of its own),
+/// join and leave channels, and change fields. None may block, close `fd` or delete a
+/// connection: to end this one, call end_after_answer().
 ///
 /// Pipelining is not supported: what arrives together with a request counts as its body. Nor
-/// is a malformed request ever answered with an error; the hooks see what was understood. The
-/// fields are plain data, which hooks may read and change.
+/// is a malformed request ever answered with an error; the hooks see what was understood. A class
+/// that faces ordinary clients calls read_strictly(), which changes both. The fields are plain
+/// data, which hooks may read and change.
 class VINDRA_API http_connection : public connection {
 public:
     /// One piece of output in the queue: ready text, a file, or a result still in the making.
@@ -130,6 +132,49 @@ public:
     /// response to one request is refused with a warning.
     void write(std::string head, const std::string& body);
 
+    /// Value of the first header line of exactly that name, letters of either case alike, without
+    /// blanks around it; nothing when there is no such line.
+    std::optional<std::string> header(std::string_view name) const;
+
+    /// Queues a whole answer to the current request: status line with the reason phrase,
+    /// Content-Type unless `content_type` is empty, Content-Length, and Connection where the client
+    /// has to be told; `extra_headers`; and `body`, unless the method is HEAD.
+    ///
+    /// 204 and 304 get neither length nor body. A status below 200 is sent at once, without a body,
+    /// and does not count as the answer; HTTP/1.0 has none, so nothing is sent there. Otherwise as
+    /// write(), a second answer included. `content_type` is written as it is: no line ends.
+    void answer(int status, std::string_view content_type, std::string_view body);
+
+    /// Answers with a Location. Bytes that no URL may hold are percent-encoded, line ends among
+    /// them. 303 has the client ask with GET whatever the method was, 307 with the same one.
+    void redirect(std::string_view location, int status = 303);
+
+    /// Answers 405 with the methods that there are, as Allow lists them: "GET, HEAD, PUT".
+    void answer_not_allowed(std::string_view methods);
+
+    /// Ends the connection when the answer to the current request is out, whether it is queued
+    /// already or not. For hooks.
+    void end_after_answer() { keep_alive = false; }
+
+    /// Reads requests from now on as a server of HTTP/1.1 is expected to. Call it in the
+    /// constructor, and again in on_headers() to allow bodies of another length from that request
+    /// on.
+    ///
+    /// - on_data() gets the announced body and no byte more; on_request() is called once a request.
+    /// - Pipelined requests are answered in order: each is read when the one before it has its
+    ///   answer, however late that is. About 1 MiB of them may wait; more ends the connection
+    ///   behind the answer in progress.
+    /// - "Connection: close" is honoured, and keep-alive of HTTP/1.0 in any letter case.
+    /// - "Expect: 100-continue" is answered by 100 behind on_headers(), unless that has answered.
+    /// - Refused, with a closing answer: 400 for a malformed head, one of HTTP/1.1 without exactly
+    ///   one Host, and contradicting lengths; 411 for a chunked body; 413 for a body announced to
+    ///   be longer than `largest_body`; 431 for a head of more than 64 KiB; 505 for other versions.
+    ///   on_headers() is called for 413 alone of these, on_request() for none. What the client
+    ///   still sends is dropped for a while, so that it gets to read the answer.
+    ///
+    /// `max_request_length` has no say then. Not for relays.
+    void read_strictly(int largest_body = 1048576);
+
     /// One line that sums the request up, for logs: peer, method, target, version and, where
     /// asked for, the agent in brackets. For a peer on 127.0.0.1, taken to be a front end, the
     /// address is the value of X-Forwarded-For where there is one.
@@ -222,11 +267,17 @@ public:
     base::hashmap<int> subscriptions;
 
 private:
+    friend class late_answer;
+
     /// What a request may hold unless a hook says otherwise: 100 MiB.
     static constexpr int default_max_request_length_ = 104857600;
 
     /// What became of a frame: taken off, waiting for more bytes, or the last one of all.
     enum class frame_outcome_ { taken, incomplete, ended };
+
+    /// How far a connection that reads strictly has come: `off` when it does not; within a head or
+    /// a body; awaiting the end of an answer; or dropping what comes behind a refusal.
+    enum class stage_ : unsigned char { off, head, body, answering, refused };
 
     static std::string_view find_header_(std::string_view line_start, std::string_view headers);
     static void empty_(std::string& text);
@@ -240,6 +291,24 @@ private:
     void shake_hands_();
     void finish_request_();
 
+    void take_strictly_(char* bytes, int length);
+    int take_requests_(char* bytes, int length);
+    int take_strict_head_(char* bytes, int length);
+    int take_strict_body_(char* bytes, int length);
+    void begin_strict_request_();
+    void await_body_(bool expects_continue);
+    void finish_strict_request_();
+    void keep_ahead_(const char* bytes, int length);
+    void go_on_strictly_();
+    void refuse_(int status, long long linger_bytes);
+    bool lingers_() const;
+
+    /// Bytes of an answer: `lines` are more header lines, and `head_alone` leaves the body out.
+    static std::string answer_text_(int status, std::string_view content_type,
+                                    std::string_view body, std::string_view lines, bool head_alone);
+    std::string common_lines_() const;
+    bool is_answered_() const;
+    void queue_answer_(std::string text);
     void queue_text_(std::string text);
     void drop_first_part_();
     void send_file_(response_part& part, char* buffer, int capacity, int* length);
@@ -253,4 +322,12 @@ private:
     frame_outcome_ end_frames_();
     void leave_channels_();
     void leave_channel_(const std::string& name);
+
+    stage_ strict_stage_ = stage_::off;
+    int largest_body_ = 0;
+    /// Bytes behind a refusal that are still worth waiting for.
+    long long linger_bytes_ = 0;
+    /// Pipelined bytes, and how many of them have been read.
+    std::string ahead_;
+    std::size_t ahead_read_ = 0;
 };

@@ -48,6 +48,7 @@ http_connection::http_connection() {
 
 // head -> body -> complete -> head again (kept) or ended by the server (not kept)
 void http_connection::on_recv(char* bytes, int length) {
+    if (strict_stage_ != stage_::off) return take_strictly_(bytes, length);
     if (refuses_more_()) return;
     received = wrapping_sum(received, length);
 

@@ -3,6 +3,7 @@
 #include "vindra/core/ipv4_text.h"
 #include "vindra/http/deferred_result.h"
 #include "vindra/http/http_connection.h"
+#include "vindra/http/late_answer.h"
 
 #include <algorithm>
 #include <array>
@@ -42,10 +43,7 @@ http_connection::response_part::~response_part() {
 }
 
 void http_connection::write(std::string head, const std::string& body) {
-    if (written) {
-        std::puts("Warning! Double write() detected!");
-        return;
-    }
+    if (is_answered_()) return;
 
     // Without a length, the end of the connection ends the response.
     if (keep_alive && find_header_("\r\ncontent-length", head).empty() &&
@@ -55,22 +53,32 @@ void http_connection::write(std::string head, const std::string& body) {
     head += extra_headers;
     head += "\r\n";
     if (method != "HEAD") head += body;
+    queue_answer_(std::move(head));
+}
 
-    if (head.size() <= piece_size) {
-        queue_text_(std::move(head));
+bool http_connection::is_answered_() const {
+    if (written) std::puts("Warning! Double write() detected!");
+    return written;
+}
+
+void http_connection::queue_answer_(std::string text) {
+    if (text.size() <= piece_size) {
+        queue_text_(std::move(text));
     } else {
-        for (std::size_t at = 0; at < head.size(); at += piece_size) {
-            queue_text_(head.substr(at, piece_size));
+        for (std::size_t at = 0; at < text.size(); at += piece_size) {
+            queue_text_(text.substr(at, piece_size));
         }
     }
     written = true;
 }
 
 bool http_connection::on_send(char* buffer, int capacity, int* length) {
+    if (strict_stage_ == stage_::answering) go_on_strictly_();
+
     // Of a kept connection, reset() has cleared `written`: it waits for its next request.
     if (parts.count <= 0) {
         if (!written) rest();
-        return written ? keep_alive : true;
+        return written ? keep_alive || lingers_() : true;
     }
 
     response_part& part = *parts.head->next->value;
@@ -109,8 +117,10 @@ void http_connection::send_file_(response_part& part, char* buffer, int capacity
 
 // Turns a deferred part whose result is done into the text part that carries it.
 void http_connection::finish_deferred_(response_part& part) {
-    part.text = only_chunk(static_cast<std::string>(part.result->output));
-    if (part.text.size() > chunk_length_max) {
+    if (const auto* whole = dynamic_cast<const late_answer*>(part.result)) {
+        part.text = whole->text();
+    } else if (part.text = only_chunk(static_cast<std::string>(part.result->output));
+               part.text.size() > chunk_length_max) {
         std::printf("Warning! Thread response (%zd) exceeds buffer size (%d).\n",
                     static_cast<ssize_t>(part.text.size()), chunk_length_max);
         part.text = "0\r\n\r\n";

@@ -2,6 +2,7 @@
 
 #include "vindra/core/sockets.h"
 #include "vindra/http/http_connection.h"
+#include "vindra/http/late_answer.h"
 
 #include <atomic>
 #include <cstdio>
@@ -88,5 +89,44 @@ bool answer_later(http_connection& conn, std::string head, std::function<var()> 
     part->restore_timeout = take_restore_timeout(conn);
     part->result = new worker_result(std::move(compute));
     conn.parts.add(part);
+    return true;
+}
+
+namespace {
+
+// A null output says that there is no answer.
+std::function<var()> packed(std::function<http_answer()> compute) {
+    return [compute = std::move(compute)] {
+        const http_answer answer = compute();
+        var fields = var::array();
+        fields.push(answer.status);
+        fields.push(answer.content_type);
+        fields.push(answer.body);
+        return fields;
+    };
+}
+
+} // namespace
+
+late_answer::late_answer(const http_connection& conn, std::function<http_answer()> compute)
+    : worker_result(packed(std::move(compute))), lines_(conn.common_lines_()),
+      head_alone_(conn.method == "HEAD") {}
+
+std::string late_answer::text() const {
+    const int status = static_cast<int>(output.get(0).as_number());
+    if (status < 200) return http_connection::answer_text_(500, "", "", lines_, head_alone_);
+    return http_connection::answer_text_(status, output.get(1).as_string(),
+                                         output.get(2).as_string(), lines_, head_alone_);
+}
+
+bool answer_later(http_connection& conn, std::function<http_answer()> compute) {
+    if (conn.written) return false;
+
+    auto* const part = new http_connection::response_part;
+    part->restore_timeout = take_restore_timeout(conn);
+    part->result = new late_answer(conn, std::move(compute));
+    conn.parts.add(part);
+    conn.written = true;
+    conn.wake();
     return true;
 }

@@ -2,6 +2,7 @@
 
 #include "vindra/base/export.h"
 #include "vindra/http/deferred_result.h"
+#include "vindra/http/http_answer.h"
 
 #include <functional>
 #include <memory>
@@ -55,3 +56,12 @@ private:
 /// False, with nothing queued or computed, where the request has its answer already, or came
 /// with HTTP/1.0, which has no chunks to carry a late result.
 VINDRA_API bool answer_later(http_connection& conn, std::string head, std::function<var()> compute);
+
+/// The same with the whole answer in the hands of `compute`: its head leaves with its body, which
+/// may be of any size, and HTTP/1.0 is served too. An exception that it throws, a status below 200,
+/// and the lack of a thread to run it on give 500. For HEAD the function is called, and its body
+/// left out.
+///
+/// `extra_headers` are those of the moment of this call. False where the request has its answer
+/// already.
+VINDRA_API bool answer_later(http_connection& conn, std::function<http_answer()> compute);

@@ -1,0 +1,184 @@
+#include "tests/support/captured_output.h"
+#include "tests/support/drain.h"
+#include "tests/support/feed.h"
+#include "tests/support/recording_connection.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+class answering_connection : public http_connection {
+public:
+    void on_headers() override {}
+    void on_request() override { act(*this); }
+    std::function<void(answering_connection&)> act;
+};
+
+// What `act` in on_request() has a connection send for `wire`, and whether it stays open.
+struct outcome {
+    std::string bytes;
+    bool open;
+};
+
+outcome answer_to(const std::string& wire, std::function<void(answering_connection&)> act) {
+    const auto conn = std::make_unique_for_overwrite<answering_connection>();
+    conn->act = std::move(act);
+    feed(*conn, wire);
+    const drained sent = drain(*conn);
+    return {sent.bytes(), sent.open};
+}
+
+const std::string get = "GET / HTTP/1.1\r\nHost: a\r\n\r\n";
+
+TEST(answer, is_whole) {
+    const outcome o = answer_to(get, [](auto& conn) { conn.answer(200, "text/plain", "hello"); });
+    EXPECT_EQ(o.bytes, "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 5\r\n"
+                       "\r\nhello");
+    EXPECT_TRUE(o.open);
+}
+
+TEST(answer, has_a_length_and_a_body_where_they_belong) {
+    const struct {
+        int status;
+        const char* type;
+        const char* body;
+        std::string bytes;
+    } cases[] = {
+        {404, "", "", "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n"},
+        {201, "", "x", "HTTP/1.1 201 Created\r\nContent-Length: 1\r\n\r\nx"},
+        {204, "", "x", "HTTP/1.1 204 No Content\r\n\r\n"},
+        {304, "a/b", "x", "HTTP/1.1 304 Not Modified\r\nContent-Type: a/b\r\n\r\n"},
+        {299, "", "x", "HTTP/1.1 299 \r\nContent-Length: 1\r\n\r\nx"},
+    };
+    for (const auto& c : cases) {
+        const outcome o =
+            answer_to(get, [&](auto& conn) { conn.answer(c.status, c.type, c.body); });
+        EXPECT_EQ(o.bytes, c.bytes);
+        EXPECT_TRUE(o.open);
+    }
+}
+
+TEST(answer, leaves_the_body_out_for_head) {
+    const outcome o = answer_to("HEAD / HTTP/1.1\r\n\r\n",
+                                [](auto& conn) { conn.answer(200, "text/plain", "hello"); });
+    EXPECT_EQ(o.bytes, "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 5\r\n\r\n");
+}
+
+TEST(answer, says_what_becomes_of_the_connection) {
+    const auto act = [](auto& conn) { conn.answer(200, "", "x"); };
+    const outcome old = answer_to("GET / HTTP/1.0\r\n\r\n", act);
+    EXPECT_EQ(old.bytes, "HTTP/1.1 200 OK\r\nContent-Length: 1\r\nConnection: close\r\n\r\nx");
+    EXPECT_FALSE(old.open);
+
+    const outcome kept = answer_to("GET / HTTP/1.0\r\nConnection: Keep-Alive\r\n\r\n", act);
+    EXPECT_EQ(kept.bytes,
+              "HTTP/1.1 200 OK\r\nContent-Length: 1\r\nConnection: keep-alive\r\n\r\nx");
+    EXPECT_TRUE(kept.open);
+}
+
+TEST(answer, has_the_connections_own_header_lines) {
+    const outcome o = answer_to(get, [](auto& conn) {
+        conn.extra_headers = "A: b\r\n";
+        conn.answer(204, "", "");
+    });
+    EXPECT_EQ(o.bytes, "HTTP/1.1 204 No Content\r\nA: b\r\n\r\n");
+}
+
+TEST(answer, may_be_of_any_size) {
+    const std::string body(3 * std::size_t{1048576} + 5, 'b');
+    const outcome o = answer_to(get, [&](auto& conn) { conn.answer(200, "", body); });
+    EXPECT_EQ(o.bytes, "HTTP/1.1 200 OK\r\nContent-Length: 3145733\r\n\r\n" + body);
+}
+
+TEST(answer, is_given_once) {
+    const std::function<void(answering_connection&)> second[] = {
+        [](auto& conn) { conn.answer(500, "", ""); },
+        [](auto& conn) { conn.answer(103, "", ""); },
+        [](auto& conn) { conn.redirect("/"); },
+        [](auto& conn) { conn.answer_not_allowed("GET"); },
+        [](auto& conn) { conn.write("HTTP/1.1 500 No\r\n", ""); },
+    };
+    for (const auto& again : second) {
+        captured_output output;
+        const outcome o = answer_to(get, [&](auto& conn) {
+            conn.answer(204, "", "");
+            again(conn);
+        });
+        EXPECT_EQ(o.bytes, "HTTP/1.1 204 No Content\r\n\r\n");
+        EXPECT_EQ(output.take(), "Warning! Double write() detected!\n");
+    }
+}
+
+TEST(answer, below_200_is_followed_by_another) {
+    const auto act = [](auto& conn) {
+        conn.extra_headers = "A: b\r\n";
+        conn.answer(102, "", "not sent");
+        conn.answer(200, "", "x");
+    };
+    EXPECT_EQ(answer_to(get, act).bytes,
+              "HTTP/1.1 102 \r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 1\r\nA: b\r\n\r\nx");
+    EXPECT_EQ(answer_to("GET / HTTP/1.0\r\nConnection: Keep-Alive\r\n\r\n", act).bytes,
+              "HTTP/1.1 200 OK\r\nContent-Length: 1\r\nConnection: keep-alive\r\nA: b\r\n\r\nx");
+}
+
+TEST(redirect, names_the_place_and_nothing_else) {
+    const struct {
+        const char* location;
+        const char* sent;
+    } cases[] = {
+        {"/a?b=c&d=%20#e", "/a?b=c&d=%20#e"},
+        {"https://[::1]:80/", "https://[::1]:80/"},
+        {"/a b\r\nSet-Cookie: c", "/a%20b%0D%0ASet-Cookie:%20c"},
+        {"/\xC3\xA9\x7F\"<>", "/%C3%A9%7F%22%3C%3E"},
+    };
+    for (const auto& c : cases) {
+        const outcome o = answer_to(get, [&](auto& conn) { conn.redirect(c.location); });
+        EXPECT_EQ(o.bytes,
+                  std::string("HTTP/1.1 303 See Other\r\nContent-Length: 0\r\nLocation: ") +
+                      c.sent + "\r\n\r\n");
+    }
+    const outcome o = answer_to(get, [](auto& conn) { conn.redirect("/", 308); });
+    EXPECT_TRUE(o.bytes.starts_with("HTTP/1.1 308 Permanent Redirect\r\n"));
+}
+
+TEST(answer_not_allowed, lists_the_methods) {
+    const outcome o = answer_to(get, [](auto& conn) { conn.answer_not_allowed("PUT, DELETE"); });
+    EXPECT_EQ(o.bytes, "HTTP/1.1 405 Method Not Allowed\r\nContent-Length: 0\r\n"
+                       "Allow: PUT, DELETE\r\n\r\n");
+}
+
+TEST(end_after_answer, ends_behind_an_answer_given_before_or_later) {
+    const outcome before = answer_to(get, [](auto& conn) {
+        conn.answer(200, "", "x");
+        conn.end_after_answer();
+    });
+    EXPECT_EQ(before.bytes, "HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\nx");
+    EXPECT_FALSE(before.open);
+
+    const outcome later = answer_to(get, [](auto& conn) {
+        conn.end_after_answer();
+        conn.answer(200, "", "x");
+    });
+    EXPECT_EQ(later.bytes, "HTTP/1.1 200 OK\r\nContent-Length: 1\r\nConnection: close\r\n\r\nx");
+    EXPECT_FALSE(later.open);
+}
+
+TEST(header, is_found_by_its_exact_name) {
+    std::optional<std::string> accept;
+    std::optional<std::string> encoding;
+    std::optional<std::string> none;
+    answer_to("GET / HTTP/1.1\r\nAccept-Encoding: gzip\r\nACCEPT:  a \r\n\r\n", [&](auto& conn) {
+        accept = conn.header("accept");
+        encoding = conn.header("Accept-Encoding");
+        none = conn.header("Accep");
+    });
+    EXPECT_EQ(accept, "a");
+    EXPECT_EQ(encoding, "gzip");
+    EXPECT_EQ(none, std::nullopt);
+}
+
+} // namespace

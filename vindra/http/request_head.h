@@ -1,0 +1,40 @@
+#pragma once
+
+#include <optional>
+#include <string_view>
+
+/// What the head of a request says of the message, by RFC 9112. For http_connection's own use.
+struct request_head {
+    /// Reads `block`: the request line and the header lines, each with its line end, without the
+    /// blank line.
+    explicit request_head(std::string_view block);
+
+    /// Value of the first header line of exactly that name, letters of either case alike, without
+    /// blanks around it.
+    static std::optional<std::string_view> find(std::string_view name, std::string_view block);
+
+    /// Status to refuse the request with; 0 when there is nothing wrong with it.
+    int refusal = 0;
+
+    /// The announced length of the body, with which the largest number stands for any larger one.
+    long long content_length = 0;
+
+    /// The client means to use the connection again.
+    bool keeps = false;
+
+    /// The client sends its body when it has been told to.
+    bool expects_continue = false;
+
+private:
+    void read_request_line(std::string_view line);
+    void read_line(std::string_view line);
+    void read_field(std::string_view name, std::string_view value);
+    void read_length(std::string_view value);
+    void refuse(int status);
+
+    bool is_old = false;
+    bool says_close = false;
+    bool says_keep = false;
+    int hosts = 0;
+    std::optional<long long> length;
+};
