@@ -140,6 +140,15 @@ TEST_F(ssl_server_test, loads_a_newer_certificate_after_more_than_a_minute) {
     EXPECT_EQ(server.crt_mtime, 1001.0);
 }
 
+TEST_F(ssl_server_test, tells_of_a_reload_however_old_the_certificate_was) {
+    test_server server(port_.number(), true, "the.key", crt());
+    server.crt_mtime = 0.5;
+    pass(server, 61);
+    captured_output out;
+    server.on_idle();
+    EXPECT_EQ(out.take(), "Reloading certificate...\n");
+}
+
 TEST_F(ssl_server_test, sees_a_certificate_put_in_place_within_the_same_second) {
     test_server server(port_.number(), true, "the.key", crt());
     set_mtime(1000.75);
@@ -312,6 +321,28 @@ TEST_F(ssl_server_hints, of_writing_are_given_when_only_the_kernel_can_bring_new
         EXPECT_EQ(sockets::writable()->test(conn_.fd), c.asked_again);
         EXPECT_TRUE(sockets::readable()->test(conn_.fd)) << "a hint of writing is none of reading";
     }
+}
+
+TEST_F(ssl_server_hints, are_given_for_a_write_that_gives_0_and_not_for_a_read) {
+    fake_openssl::read_outcomes = {{0, 0}};
+    server_->recv(&conn_, buffer_, sizeof buffer_);
+    fake_openssl::write_outcomes = {{0, 0}};
+    server_->send(&conn_, buffer_, sizeof buffer_);
+    wait();
+    EXPECT_TRUE(sockets::readable()->test(conn_.fd));
+    EXPECT_FALSE(sockets::writable()->test(conn_.fd));
+}
+
+TEST_F(ssl_server_hints, of_a_session_that_failed_for_good_do_not_depend_on_an_old_error) {
+    errno = ECONNRESET;
+    fake_openssl::read_outcomes = {{-1, 0}};
+    server_->recv(&conn_, buffer_, sizeof buffer_);
+    errno = ECONNRESET;
+    fake_openssl::write_outcomes = {{-1, 0}};
+    server_->send(&conn_, buffer_, sizeof buffer_);
+    wait();
+    EXPECT_FALSE(sockets::readable()->test(conn_.fd));
+    EXPECT_FALSE(sockets::writable()->test(conn_.fd));
 }
 
 TEST_F(ssl_server_hints, of_writing_end_when_bytes_arrive_for_a_write_that_waits_for_them) {
