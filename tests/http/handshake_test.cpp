@@ -37,6 +37,24 @@ std::string with_text(std::string request, const std::string& from, const std::s
     return request.replace(request.find(from), from.size(), to);
 }
 
+// An answer to an earlier request that is still to be computed, and its end.
+class late_result : public deferred_result {};
+
+const std::string late_chunk = "4\r\nlate\r\n0\r\n\r\n";
+
+http_connection::response_part& queue_late_answer(http_connection& conn, int restore_timeout) {
+    auto* const part = new http_connection::response_part;
+    part->result = new late_result;
+    part->restore_timeout = restore_timeout;
+    conn.parts.add(part);
+    return *part;
+}
+
+void finish(const http_connection::response_part& part) {
+    part.result->output = var("late");
+    part.result->done = true;
+}
+
 } // namespace
 
 TEST(handshake, answers_the_example_of_the_standard_in_every_piece_size) {
@@ -59,17 +77,55 @@ TEST(handshake, takes_the_limits_off_an_accepted_connection) {
 }
 
 TEST(handshake, keeps_the_time_out_off_when_an_earlier_answer_is_still_to_be_computed) {
-    class late_result : public deferred_result {};
     const auto conn = std::make_unique_for_overwrite<recording_connection>();
-    auto* const part = new http_connection::response_part;
-    part->result = new late_result;
-    part->restore_timeout = 10;
-    conn->parts.add(part);
+    http_connection::response_part& part = queue_late_answer(*conn, 10);
     feed(*conn, rfc_request);
-    part->result->output = var("late");
-    part->result->done = true;
-    EXPECT_EQ(drain(*conn).bytes(), "4\r\nlate\r\n0\r\n\r\n" + rfc_answer);
+    finish(part);
+    EXPECT_EQ(drain(*conn).bytes(), late_chunk + rfc_answer);
     EXPECT_EQ(conn->timeout, -1);
+}
+
+TEST(handshake, leaves_the_restore_timeout_of_a_queued_part_to_its_maker) {
+    const auto conn = std::make_unique_for_overwrite<recording_connection>();
+    const http_connection::response_part& part = queue_late_answer(*conn, 10);
+    feed(*conn, rfc_request);
+    EXPECT_EQ(part.restore_timeout, 10);
+}
+
+TEST(handshake, turned_away_is_not_revived_by_an_earlier_late_answer) {
+    for (const int restore : {-1, 10}) {
+        const auto conn = std::make_unique<http_connection>();
+        http_connection::response_part& part = queue_late_answer(*conn, restore);
+        feed(*conn, rfc_request);
+        ASSERT_EQ(conn->timeout, 0);
+        finish(part);
+        EXPECT_EQ(send_once(*conn).bytes, late_chunk);
+        EXPECT_EQ(conn->timeout, 0);
+    }
+}
+
+TEST(handshake, followed_by_a_refused_frame_is_not_revived_by_an_earlier_late_answer) {
+    const auto conn = std::make_unique_for_overwrite<recording_connection>();
+    http_connection::response_part& part = queue_late_answer(*conn, -1);
+    captured_output output;
+    feed(*conn, rfc_request + std::string("\x81\x00nomask", 8));
+    ASSERT_EQ(conn->timeout, 0);
+    finish(part);
+    EXPECT_EQ(send_once(*conn).bytes, late_chunk);
+    EXPECT_EQ(conn->timeout, 0);
+}
+
+TEST(handshake, leaves_the_time_out_of_a_hook_alone_when_a_late_answer_is_sent) {
+    class patient_connection : public recording_connection {
+    public:
+        void on_upgrade() override { timeout = 60; }
+    };
+    const auto conn = std::make_unique_for_overwrite<patient_connection>();
+    http_connection::response_part& part = queue_late_answer(*conn, 10);
+    feed(*conn, rfc_request);
+    finish(part);
+    drain(*conn);
+    EXPECT_EQ(conn->timeout, 60);
 }
 
 TEST(handshake, finds_its_header_lines_in_their_usual_spelling_where_letter_case_counts) {

@@ -289,6 +289,19 @@ TEST(answer_later, restores_the_time_out_behind_the_last_of_several_results) {
     EXPECT_EQ(conn->timeout, 42);
 }
 
+TEST(answer_later, leaves_the_restore_timeout_of_an_applications_part_alone) {
+    class own_result : public deferred_result {};
+    const auto conn = connection_with([] { return var(1); });
+    auto* const own = new http_connection::response_part;
+    own->result = new own_result;
+    own->restore_timeout = 42;
+    conn->parts.add(own);
+    conn->timeout = -1;
+    feed(*conn, "GET / HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(own->restore_timeout, 42);
+    EXPECT_EQ(conn->parts.tail->value->restore_timeout, 42) << "what stands behind the queue";
+}
+
 TEST(answer_later, drops_a_result_that_exceeds_the_buffer_and_keeps_the_connection) {
     const auto conn = connection_with([] { return var(std::string(1048576, 'x')); });
     feed(*conn, "GET / HTTP/1.1\r\n\r\n");

@@ -65,7 +65,8 @@ public:
         /// Owned result that is sent once it is done, in chunked coding; null for other parts.
         deferred_result* result = nullptr;
 
-        /// What `timeout` of the connection becomes when `result` is sent.
+        /// What `timeout` of the connection becomes when `result` is sent. Ignored once the
+        /// connection is upgraded. The library changes it in no part that others made.
         int restore_timeout = 0;
     };
 

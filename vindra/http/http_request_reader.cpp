@@ -159,10 +159,6 @@ void http_connection::shake_hands_() {
           "");
     upgraded = true;
     timeout = -1;
-    // A result that is still awaited must not bring the time-out back.
-    for (auto* node = parts.head->next; node != nullptr; node = node->next) {
-        if (node->value != nullptr) node->value->restore_timeout = -1;
-    }
     max_request_length = 0;
     on_upgrade();
 }

@@ -128,7 +128,9 @@ void http_connection::finish_deferred_(response_part& part) {
     delete std::exchange(part.result, nullptr);
 
     last_active = std::time(nullptr);
-    timeout = part.restore_timeout;
+    // The time-out of an upgraded connection is the handshake's and its hooks' alone: restored, one
+    // from before would revive a client that has been turned away since.
+    if (!upgraded) timeout = part.restore_timeout;
 }
 
 // The longest frame is a few bytes longer than the send buffer; what does not fit waits.

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <system_error>
 #include <thread>
+#include <typeinfo>
 #include <utility>
 
 #include <sys/eventfd.h>
@@ -63,15 +64,21 @@ bool worker_result::hand_over_(var& computed, link_& link) {
 
 namespace {
 
-// The time-out to restore behind everything that is queued. While a result waits it stands in
-// the last one's part, from where it moves to the new last one.
+// A class of its own, so that parts made here can be told from those of an application.
+class later_answer final : public worker_result {
+public:
+    using worker_result::worker_result;
+};
+
+// The time-out that would stand once everything queued has left. While a later_answer waits, no
+// earlier one brings the time-out back. What the part of another maker restores is not changed.
 int take_restore_timeout(http_connection& conn) {
     int timeout = std::exchange(conn.timeout, -1);
     for (auto* node = conn.parts.head->next; node != nullptr; node = node->next) {
         http_connection::response_part* const part = node->value;
-        if (part != nullptr && part->result != nullptr) {
-            timeout = std::exchange(part->restore_timeout, -1);
-        }
+        if (part == nullptr || part->result == nullptr) continue;
+        timeout = part->restore_timeout;
+        if (typeid(*part->result) == typeid(later_answer)) part->restore_timeout = -1;
     }
     return timeout;
 }
@@ -87,7 +94,7 @@ bool answer_later(http_connection& conn, std::string head, std::function<var()> 
 
     auto* const part = new http_connection::response_part;
     part->restore_timeout = take_restore_timeout(conn);
-    part->result = new worker_result(std::move(compute));
+    part->result = new later_answer(std::move(compute));
     conn.parts.add(part);
     return true;
 }

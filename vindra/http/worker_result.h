@@ -48,7 +48,9 @@ private:
 /// Answers the current request of `conn` with what `compute` returns, once it does: queues
 /// `head` (status line and header lines without length or transfer coding, as for
 /// http_connection::write()) and the result behind it. The connection is not timed out before
-/// the result leaves; then its `timeout` is again what it was.
+/// the result leaves; then its `timeout` is again what it was. A deferred part that the
+/// application has queued before still restores the time-out that its maker gave it. Once the
+/// connection is upgraded, no late answer changes `timeout`.
 ///
 /// For HEAD the head is the whole answer and nothing is computed. More than about 1 MiB of
 /// result is dropped with a warning, and an empty body sent: see http_connection::on_send().
