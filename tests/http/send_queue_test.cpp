@@ -26,6 +26,34 @@ private:
     int& alive_;
 };
 
+// Notes what its destructor finds.
+class looking_result : public deferred_result {
+public:
+    struct sight {
+        int timeout = 0;
+        std::time_t last_active = 0;
+        std::string buffer;
+        int length = 0;
+        int queued = -1;
+    };
+
+    looking_result(const http_connection& conn, const int& length, sight& seen)
+        : conn_(conn), length_(length), seen_(seen) {}
+    ~looking_result() override {
+        const auto size = static_cast<std::size_t>(length_);
+        seen_ = {conn_.timeout,
+                 conn_.last_active,
+                 {conn_.send_buffer, size},
+                 length_,
+                 conn_.parts.count};
+    }
+
+private:
+    const http_connection& conn_;
+    const int& length_;
+    sight& seen_;
+};
+
 class send_queue : public testing::Test {
 protected:
     part& add_text(const std::string& text) {
@@ -211,6 +239,34 @@ TEST_F(send_queue, restores_the_time_out_and_counts_a_result_as_activity) {
     send_once(*conn_);
     EXPECT_EQ(conn_->timeout, 42);
     EXPECT_GE(conn_->last_active, before);
+}
+
+TEST_F(send_queue, destroys_a_result_when_all_else_of_its_step_is_done) {
+    int length = 0;
+    looking_result::sight seen;
+    auto* result = new looking_result(*conn_, length, seen);
+    auto* p = new part;
+    p->result = result;
+    p->restore_timeout = 42;
+    conn_->parts.add(p);
+    conn_->timeout = -1;
+    conn_->last_active = 5;
+    finish(*result, "x");
+    const std::time_t before = std::time(nullptr);
+    conn_->on_send(conn_->send_buffer, mebibyte, &length);
+    EXPECT_EQ(seen.timeout, 42);
+    EXPECT_GE(seen.last_active, before);
+    EXPECT_EQ(seen.buffer, "1\r\nx\r\n0\r\n\r\n");
+    EXPECT_EQ(seen.queued, 0);
+}
+
+TEST_F(send_queue, sends_a_result_in_pieces_where_the_capacity_is_small) {
+    finish(add_deferred(), "text");
+    expect_piece("4\r\nte", 5);
+    EXPECT_EQ(alive_, 0);
+    expect_piece("xt\r\n0", 5);
+    expect_piece("\r\n\r\n", 5);
+    EXPECT_EQ(conn_->parts.count, 0);
 }
 
 TEST_F(send_queue, writes_the_size_of_a_chunk_in_capital_hexadecimal) {

@@ -313,7 +313,7 @@ private:
     void queue_text_(std::string text);
     void drop_first_part_();
     void send_file_(response_part& part, char* buffer, int capacity, int* length);
-    void finish_deferred_(response_part& part);
+    void send_deferred_(response_part& part, char* buffer, int capacity, int* length);
     void send_text_(response_part& part, char* buffer, int capacity, int* length);
     std::string peer_name_() const;
 

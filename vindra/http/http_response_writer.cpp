@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <utility>
 
 #include <netinet/in.h>
@@ -87,8 +88,10 @@ bool http_connection::on_send(char* buffer, int capacity, int* length) {
         return true;
     }
     if (part.result) {
-        if (!part.result->done.load(std::memory_order_acquire)) return true;
-        finish_deferred_(part);
+        if (part.result->done.load(std::memory_order_acquire)) {
+            send_deferred_(part, buffer, capacity, length);
+        }
+        return true;
     }
     send_text_(part, buffer, capacity, length);
     return true;
@@ -115,8 +118,9 @@ void http_connection::send_file_(response_part& part, char* buffer, int capacity
     if (got < static_cast<std::size_t>(wanted)) drop_first_part_();
 }
 
-// Turns a deferred part whose result is done into the text part that carries it.
-void http_connection::finish_deferred_(response_part& part) {
+// Makes a text part of a deferred one whose result is done and sends that. The result goes last:
+// its destructor, which is the application's, finds the connection as the caller will.
+void http_connection::send_deferred_(response_part& part, char* buffer, int capacity, int* length) {
     if (const auto* whole = dynamic_cast<const late_answer*>(part.result)) {
         part.text = whole->text();
     } else if (part.text = only_chunk(static_cast<std::string>(part.result->output));
@@ -125,12 +129,14 @@ void http_connection::finish_deferred_(response_part& part) {
                     static_cast<ssize_t>(part.text.size()), chunk_length_max);
         part.text = "0\r\n\r\n";
     }
-    delete std::exchange(part.result, nullptr);
 
     last_active = std::time(nullptr);
     // The time-out of an upgraded connection is the handshake's and its hooks' alone: restored, one
     // from before would revive a client that has been turned away since.
     if (!upgraded) timeout = part.restore_timeout;
+
+    const std::unique_ptr<deferred_result> sent(std::exchange(part.result, nullptr));
+    send_text_(part, buffer, capacity, length);
 }
 
 // The longest frame is a few bytes longer than the send buffer; what does not fit waits.

@@ -65,12 +65,16 @@ bool worker_result::hand_over_(var& computed, link_& link) {
 namespace {
 
 // A class of its own, so that parts made here can be told from those of an application.
-class later_answer final : public worker_result {
+class late_body final : public worker_result {
 public:
     using worker_result::worker_result;
 };
 
-// The time-out that would stand once everything queued has left. While a later_answer waits, no
+bool is_made_here(const deferred_result& result) {
+    return typeid(result) == typeid(late_body) || typeid(result) == typeid(late_answer);
+}
+
+// The time-out that would stand once everything queued has left. While a part made here waits, no
 // earlier one brings the time-out back. What the part of another maker restores is not changed.
 int take_restore_timeout(http_connection& conn) {
     int timeout = std::exchange(conn.timeout, -1);
@@ -78,7 +82,7 @@ int take_restore_timeout(http_connection& conn) {
         http_connection::response_part* const part = node->value;
         if (part == nullptr || part->result == nullptr) continue;
         timeout = part->restore_timeout;
-        if (typeid(*part->result) == typeid(later_answer)) part->restore_timeout = -1;
+        if (is_made_here(*part->result)) part->restore_timeout = -1;
     }
     return timeout;
 }
@@ -94,7 +98,7 @@ bool answer_later(http_connection& conn, std::string head, std::function<var()> 
 
     auto* const part = new http_connection::response_part;
     part->restore_timeout = take_restore_timeout(conn);
-    part->result = new later_answer(std::move(compute));
+    part->result = new late_body(std::move(compute));
     conn.parts.add(part);
     return true;
 }
