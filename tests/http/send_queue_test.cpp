@@ -1,11 +1,14 @@
+#include "vindra/core/sockets.h"
 #include "vindra/http/deferred_result.h"
 #include "vindra/http/http_connection.h"
 
 #include "tests/support/captured_output.h"
 #include "tests/support/drain.h"
 
+#include <chrono>
 #include <cstdio>
 #include <ctime>
+#include <functional>
 #include <memory>
 #include <thread>
 
@@ -79,6 +82,14 @@ protected:
     static void finish(deferred_result& result, const std::string& text) {
         result.output = var(text);
         result.done.store(true, std::memory_order_release);
+    }
+    // Whether the wait that follows these calls of on_send() sleeps. One that does takes 100 ms,
+    // one that only looks is as quick as the machine lets it.
+    bool sleeps_after(int calls, int capacity = mebibyte) {
+        for (int i = 0; i < calls; ++i) send_once(*conn_, capacity);
+        const auto start = std::chrono::steady_clock::now();
+        sockets::select_all();
+        return std::chrono::steady_clock::now() - start > std::chrono::milliseconds(50);
     }
     void expect_piece(const std::string& bytes, int capacity = mebibyte) {
         const sent_piece piece = send_once(*conn_, capacity);
@@ -326,4 +337,46 @@ TEST_F(send_queue, prefers_the_file_of_a_part_that_has_everything) {
     p.result = new counted_result(alive_);
     expect_piece("file");
     EXPECT_EQ(alive_, 0);
+}
+
+TEST_F(send_queue, lets_the_next_wait_only_look_when_a_part_ends_without_bytes) {
+    const struct {
+        const char* name;
+        std::function<void()> queue;
+        int calls;
+    } cases[] = {
+        {"empty text", [this] { add_text(""); }, 1},
+        {"empty file", [this] { add_file(""); }, 1},
+        {"file that fills its last piece", [this] { add_file("abcdefgh"); }, 3},
+        {"file without budget", [this] { add_file("abcd", 0); }, 1},
+        {"budget that is used up", [this] { add_file("abcdefgh", 4); }, 2},
+    };
+    for (const auto& c : cases) {
+        for (const bool more : {true, false}) {
+            SCOPED_TRACE(testing::Message() << c.name << (more ? ", with more behind" : ""));
+            // A machine that does something else for 50 ms makes any wait look like one that
+            // sleeps.
+            int tries = 0;
+            bool slept = true;
+            while (slept && ++tries <= 5) {
+                conn_ = std::make_unique<http_connection>();
+                c.queue();
+                if (more) add_text("behind");
+                slept = sleeps_after(c.calls, 4);
+                ASSERT_EQ(conn_->parts.count, more ? 1 : 0);
+            }
+            EXPECT_FALSE(slept);
+        }
+    }
+}
+
+TEST_F(send_queue, lets_the_next_wait_sleep_while_there_is_nothing_to_hand_over) {
+    sockets::select_all(); // ends the hurry of an earlier test
+    EXPECT_TRUE(sleeps_after(1)) << "with nothing queued";
+    add_text("text");
+    EXPECT_TRUE(sleeps_after(1)) << "behind a part that gave bytes";
+    add_deferred();
+    EXPECT_TRUE(sleeps_after(1)) << "while a result is not done";
+    add_text("text");
+    EXPECT_TRUE(sleeps_after(1, 0)) << "with no room";
 }

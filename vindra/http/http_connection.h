@@ -312,6 +312,7 @@ private:
     void queue_answer_(std::string text);
     void queue_text_(std::string text);
     void drop_first_part_();
+    void send_part_(response_part& part, char* buffer, int capacity, int* length);
     void send_file_(response_part& part, char* buffer, int capacity, int* length);
     void send_deferred_(response_part& part, char* buffer, int capacity, int* length);
     void send_text_(response_part& part, char* buffer, int capacity, int* length);

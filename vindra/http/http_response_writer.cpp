@@ -1,6 +1,7 @@
 // Writing responses: from whole answers to pieces that fit the send buffer.
 
 #include "vindra/core/ipv4_text.h"
+#include "vindra/core/sockets.h"
 #include "vindra/http/deferred_result.h"
 #include "vindra/http/http_connection.h"
 #include "vindra/http/late_answer.h"
@@ -83,18 +84,26 @@ bool http_connection::on_send(char* buffer, int capacity, int* length) {
     }
 
     response_part& part = *parts.head->next->value;
+    if (part.result && !part.file && !part.result->done.load(std::memory_order_acquire)) {
+        return true;
+    }
+
+    const int queued = parts.count;
+    send_part_(part, buffer, capacity, length);
+    // An empty part, or a file at its end: what follows, the end of the connection too, is for the
+    // next turn, and no socket has news of it.
+    if (*length == 0 && parts.count < queued) sockets::hurry();
+    return true;
+}
+
+void http_connection::send_part_(response_part& part, char* buffer, int capacity, int* length) {
     if (part.file) {
         send_file_(part, buffer, capacity, length);
-        return true;
+    } else if (part.result) {
+        send_deferred_(part, buffer, capacity, length);
+    } else {
+        send_text_(part, buffer, capacity, length);
     }
-    if (part.result) {
-        if (part.result->done.load(std::memory_order_acquire)) {
-            send_deferred_(part, buffer, capacity, length);
-        }
-        return true;
-    }
-    send_text_(part, buffer, capacity, length);
-    return true;
 }
 
 void http_connection::send_file_(response_part& part, char* buffer, int capacity, int* length) {
