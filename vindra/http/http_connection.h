@@ -58,8 +58,9 @@ public:
         /// then on, until the file ends.
         double budget = -1.0;
 
-        /// Bytes of a text part, best not more than connection::send_buffer_size: what does
-        /// not fit waits here for the next on_send().
+        /// Bytes of a text part. Of more than connection::send_buffer_size, each on_send() takes
+        /// a buffer full; those taken stand in front until the part is done, so leave `text`
+        /// alone once it has begun to leave.
         std::string text;
 
         /// Owned result that is sent once it is done, in chunked coding; null for other parts.
@@ -68,6 +69,12 @@ public:
         /// What `timeout` of the connection becomes when `result` is sent. Ignored once the
         /// connection is upgraded. The library changes it in no part that others made.
         int restore_timeout = 0;
+
+    private:
+        friend class http_connection;
+
+        /// Bytes of `text` that have been handed over.
+        std::size_t text_taken_ = 0;
     };
 
     http_connection();

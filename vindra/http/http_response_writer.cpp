@@ -148,17 +148,17 @@ void http_connection::send_deferred_(response_part& part, char* buffer, int capa
     send_text_(part, buffer, capacity, length);
 }
 
-// The longest frame is a few bytes longer than the send buffer; what does not fit waits.
+// The longest frame is a few bytes longer than the send buffer, and an application's text may be of
+// any length; what does not fit waits. Erasing what was taken would copy the rest each time.
 void http_connection::send_text_(response_part& part, char* buffer, int capacity, int* length) {
     const std::size_t space = capacity > 0 ? static_cast<std::size_t>(capacity) : 0;
-    const std::size_t taken = std::min(part.text.size(), space);
-    part.text.copy(buffer, taken);
-    *length = static_cast<int>(taken);
-    if (taken == part.text.size()) {
-        drop_first_part_();
-    } else {
-        part.text.erase(0, taken);
-    }
+    // A text that has been shortened meanwhile ends where it was left.
+    const std::string_view rest =
+        std::string_view(part.text).substr(std::min(part.text_taken_, part.text.size()));
+    const std::size_t count = rest.copy(buffer, space);
+    *length = static_cast<int>(count);
+    part.text_taken_ += count;
+    if (count == rest.size()) drop_first_part_();
 }
 
 void http_connection::queue_text_(std::string text) {
