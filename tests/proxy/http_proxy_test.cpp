@@ -17,6 +17,14 @@ public:
     bool should_block(const std::string& host) override { return host == "blocked.example"; }
 };
 
+// What an application's on_headers() may call.
+class direct : public http_proxy {
+public:
+    using http_proxy::attached;
+    using http_proxy::connect_backend;
+    using http_proxy::use_backend;
+};
+
 class http_proxy_test : public testing::Test {
 protected:
     http_proxy_test() { http_proxy::g_server() = &front_.get(); }
@@ -154,14 +162,62 @@ TEST_F(http_proxy_test, an_origin_form_target_cannot_be_resolved) {
 TEST_F(http_proxy_test, a_host_with_none_but_ipv6_addresses_cannot_be_reached) {
     // The first colon separates host and port, so an address literal is cut; a name that is
     // all digits and colons never gets here. The resolver takes "::1" only from a caller.
-    class direct : public http_proxy {
-    public:
-        using http_proxy::connect_backend;
-    };
     const std::unique_ptr<direct> conn(new direct);
     EXPECT_FALSE(conn->connect_backend("::1", 80));
     const std::string lines = out_.take();
     EXPECT_NE(lines.find("No addresses worked for host ::1:80.\n"), std::string::npos) << lines;
+}
+
+TEST_F(http_proxy_test, a_fresh_client_is_not_attached) {
+    const std::unique_ptr<direct> conn(new direct);
+    EXPECT_FALSE(conn->attached());
+    EXPECT_EQ(conn->pipe->refs, 2);
+}
+
+TEST_F(http_proxy_test, a_client_is_attached_while_its_backend_lives) {
+    const std::unique_ptr<direct> conn(new direct);
+    ASSERT_TRUE(conn->use_backend("127.0.0.1", backend_.port()));
+    EXPECT_TRUE(conn->attached());
+    front_.get().end_connection(front_.get().connections.pop());
+    EXPECT_FALSE(conn->attached());
+}
+
+TEST_F(http_proxy_test, a_backend_in_use_is_told_by_its_name_and_its_port) {
+    const std::unique_ptr<direct> conn(new direct);
+    ASSERT_TRUE(conn->use_backend("127.0.0.1", backend_.port(), "name"));
+    EXPECT_EQ(conn->backend_host, "name");
+    EXPECT_EQ(conn->backend_port, backend_.port());
+    const proxy_pipe* const first = conn->pipe;
+    EXPECT_TRUE(conn->use_backend("127.0.0.1", backend_.port(), "name"));
+    EXPECT_EQ(conn->pipe, first);
+    EXPECT_EQ(front_.get().connections.count, 1);
+
+    EXPECT_TRUE(conn->use_backend("127.0.0.1", backend_.port()));
+    EXPECT_EQ(conn->backend_host, "127.0.0.1");
+    EXPECT_EQ(front_.get().connections.count, 2);
+    const held_port other;
+    EXPECT_TRUE(conn->use_backend("127.0.0.1", other.number()));
+    EXPECT_EQ(conn->backend_port, other.number());
+    EXPECT_EQ(front_.get().connections.count, 3);
+}
+
+TEST_F(http_proxy_test, a_backend_that_cannot_be_used_leaves_the_502_answer) {
+    const std::unique_ptr<direct> conn(new direct);
+    EXPECT_FALSE(conn->use_backend("127.0.0.1", -5));
+    EXPECT_FALSE(conn->attached());
+    EXPECT_FALSE(conn->keep_alive);
+    EXPECT_TRUE(std::string(conn->pipe->to_client).ends_with("Unable to connect"));
+    EXPECT_EQ(conn->backend_host, "");
+    EXPECT_EQ(conn->backend_port, 0);
+}
+
+TEST_F(http_proxy_test, a_target_of_no_name_at_port_zero_waits_for_a_backend) {
+    far_end client = front_.connect();
+    client.send(std::string("GET http://\0:0/ HTTP/1.1\r\n\r\n", 28));
+    for (int i = 0; i < 3; ++i) front_.turn();
+    EXPECT_EQ(client.receive(), "");
+    ASSERT_EQ(front_.get().connections.count, 1);
+    EXPECT_EQ(front_.newest().timeout, 10);
 }
 
 TEST_F(http_proxy_test, nothing_is_blocked_unless_an_application_says_so) {

@@ -37,12 +37,7 @@ void http_proxy::on_headers() {
     const split_url target(url);
     if (should_block(target.host)) return answer_not_found();
 
-    if (!attached() || backend_host != target.host || backend_port != target.port) {
-        renew_pipe();
-        if (!connect_backend(target.host, target.port)) return answer_bad_gateway();
-        backend_host = target.host;
-        backend_port = target.port;
-    }
+    if (!use_backend(target.host, target.port)) return;
 
     if (method == "CONNECT") {
         // Without keep-alive the request never ends, so all that follows is its body.
@@ -84,6 +79,21 @@ std::string http_proxy::copy_headers(const std::string& headers) {
         if (line.starts_with("Proxy") || line.starts_with("Connection")) continue;
         kept.append(line).append(line_end);
     }
+}
+
+// In a fresh client the share of the backend that may still come counts as one without a name, at
+// port 0. A target that names exactly that (a zero byte in front of ":0") waits for it.
+bool http_proxy::use_backend(const std::string& host, int to_port, const std::string& name) {
+    if (pipe->refs >= 2 && backend_host == name && backend_port == to_port) return true;
+
+    renew_pipe();
+    if (!connect_backend(host, to_port)) {
+        answer_bad_gateway();
+        return false;
+    }
+    backend_host = name;
+    backend_port = to_port;
+    return true;
 }
 
 void http_proxy::renew_pipe() {

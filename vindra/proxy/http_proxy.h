@@ -63,8 +63,19 @@ public:
     proxy_pipe initial_pipe{2};
 
 protected:
-    /// True while the backend connection of the current pipe lives.
-    bool attached() const { return pipe->refs >= 2; }
+    /// True while the backend connection of the current pipe lives; false on a fresh client.
+    bool attached() const { return pipe != &initial_pipe && pipe->refs >= 2; }
+
+    /// Makes the backend at `to_port` of `host` the one of the current request: keeps the
+    /// attached connection if it was made under the same name and port, else replaces it.
+    /// False when there is no connection to be had; the 502 answer is queued then, and nothing
+    /// is left to do for this request.
+    ///
+    /// The name is `host`, or `name` where that is given. It is what `backend_host` becomes.
+    bool use_backend(const std::string& host, int to_port) {
+        return use_backend(host, to_port, host);
+    }
+    bool use_backend(const std::string& host, int to_port, const std::string& name);
 
     /// Drops the current pipe, whose backend connection then drains and ends, for an empty one.
     void renew_pipe();

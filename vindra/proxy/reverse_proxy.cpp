@@ -42,11 +42,8 @@ void reverse_proxy::answer_with_echo_() {
 }
 
 void reverse_proxy::forward_to_(int mapped_port) {
-    if (!attached() || backend_port != mapped_port) {
-        renew_pipe();
-        if (!connect_backend("localhost", mapped_port)) return answer_bad_gateway();
-        backend_port = mapped_port;
-    }
+    // Every backend is on this machine: the port alone tells them apart, the name stays what it is.
+    if (!use_backend("localhost", mapped_port, backend_host)) return;
 
     // The peer's address comes in a line of its own behind all others, so that a backend can
     // tell it from what the client has claimed.
