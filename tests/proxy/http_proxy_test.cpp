@@ -22,6 +22,7 @@ class direct : public http_proxy {
 public:
     using http_proxy::attached;
     using http_proxy::connect_backend;
+    using http_proxy::drop_unread;
     using http_proxy::use_backend;
 };
 
@@ -150,6 +151,16 @@ TEST_F(http_proxy_test, a_blocked_host_gets_404_and_the_client_stays) {
     EXPECT_FALSE(client.closed_by_peer());
 }
 
+TEST_F(http_proxy_test, a_body_to_a_blocked_host_goes_with_the_next_head) {
+    far_end client = front_.connect();
+    const http_proxy& conn = front_.newest();
+    for (int i = 0; i < 3; ++i) {
+        client.send("POST http://blocked.example/ HTTP/1.1\r\nContent-Length: 4\r\n\r\nbody");
+        front_.turn();
+        EXPECT_EQ(std::string(conn.pipe->to_backend), "body");
+    }
+}
+
 TEST_F(http_proxy_test, an_origin_form_target_cannot_be_resolved) {
     far_end client = front_.connect();
     client.send("GET /x HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
@@ -180,6 +191,27 @@ TEST_F(http_proxy_test, a_client_is_attached_while_its_backend_lives) {
     EXPECT_TRUE(conn->attached());
     front_.get().end_connection(front_.get().connections.pop());
     EXPECT_FALSE(conn->attached());
+}
+
+TEST_F(http_proxy_test, what_a_backend_can_still_read_is_kept) {
+    const std::unique_ptr<direct> conn(new direct);
+    ASSERT_TRUE(conn->use_backend("127.0.0.1", backend_.port()));
+    conn->pipe->to_backend += "request";
+    conn->drop_unread();
+    EXPECT_EQ(std::string(conn->pipe->to_backend), "request");
+    front_.get().end_connection(front_.get().connections.pop());
+    conn->drop_unread();
+    EXPECT_EQ(std::string(conn->pipe->to_backend), "");
+}
+
+TEST_F(http_proxy_test, the_embedded_pipe_keeps_nothing_once_it_is_left) {
+    const std::unique_ptr<direct> conn(new direct);
+    conn->pipe->to_backend += "body";
+    conn->pipe->to_client += "answer";
+    ASSERT_TRUE(conn->use_backend("127.0.0.1", backend_.port()));
+    EXPECT_NE(conn->pipe, &conn->initial_pipe);
+    EXPECT_TRUE(conn->initial_pipe.to_backend.empty());
+    EXPECT_TRUE(conn->initial_pipe.to_client.empty());
 }
 
 TEST_F(http_proxy_test, a_backend_in_use_is_told_by_its_name_and_its_port) {

@@ -280,6 +280,79 @@ TEST_F(reverse_proxy_test, a_backend_that_has_gone_is_not_used_again_while_its_a
     EXPECT_EQ(front_.receive(at_next, expected.size()), expected);
 }
 
+// Posts a body, or a head alone, and returns the bytes that then wait for a backend.
+class unread_bodies : public reverse_proxy_test {
+protected:
+    static constexpr std::size_t body_size = 10000;
+
+    std::size_t waiting_after_post(const far_end& client, const std::string& host) {
+        return waiting_after(client, "POST / HTTP/1.1\r\nHost: " + host +
+                                         "\r\nContent-Length: 10000" + "\r\n\r\n" +
+                                         std::string(body_size, 'b'));
+    }
+
+    std::size_t waiting_after_get(const far_end& client, const std::string& host) {
+        return waiting_after(client, get(host));
+    }
+
+    const reverse_proxy* client_connection() {
+        return static_cast<reverse_proxy*>(front_.get().connections.head->next->value);
+    }
+
+private:
+    std::size_t waiting_after(const far_end& client, const std::string& request) {
+        client.send(request);
+        for (int i = 0; i < 3; ++i) front_.turn();
+        EXPECT_FALSE(client_connection()->headers_done) << "the request is not complete";
+        return client_connection()->pipe->to_backend.size();
+    }
+};
+
+TEST_F(unread_bodies, of_a_host_that_is_not_mapped_go_with_the_next_head) {
+    far_end client = front_.connect();
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(waiting_after_post(client, "nobody.example"), body_size);
+    EXPECT_EQ(waiting_after_get(client, "nobody.example"), 0U);
+    EXPECT_EQ(front_.receive(client, 4 * not_found.size()),
+              not_found + not_found + not_found + not_found);
+}
+
+TEST_F(unread_bodies, of_the_echo_handler_go_with_the_next_head) {
+    map("echo-posts.example", reverse_proxy::echo_port);
+    const far_end client = front_.connect();
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(waiting_after_post(client, "echo-posts.example"), body_size);
+    EXPECT_EQ(waiting_after_get(client, "echo-posts.example"), 0U);
+}
+
+TEST_F(unread_bodies, do_not_stay_in_the_embedded_pipe_when_a_backend_comes) {
+    const listening_backend backend;
+    map("comes.example", backend.port());
+    const far_end client = front_.connect();
+    waiting_after_post(client, "nobody.example");
+    waiting_after_get(client, "comes.example");
+    EXPECT_NE(client_connection()->pipe, &client_connection()->initial_pipe);
+    EXPECT_EQ(client_connection()->initial_pipe.to_backend.size(), 0U);
+    EXPECT_EQ(client_connection()->initial_pipe.to_client.size(), 0U);
+    far_end at_backend = backend.accept();
+    EXPECT_EQ(front_.receive(at_backend, forwarded("comes.example").size()),
+              forwarded("comes.example"));
+}
+
+TEST_F(unread_bodies, of_a_pipe_whose_backend_has_gone_go_with_the_next_head) {
+    const listening_backend backend;
+    map("leaves.example", backend.port());
+    far_end client = front_.connect();
+    client.send(get("leaves.example"));
+    front_.turn();
+    front_.turn();
+    far_end at_backend = backend.accept();
+    const std::string answer = front_.answer_and_leave(at_backend);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(waiting_after_post(client, "nobody.example"), body_size);
+    EXPECT_EQ(waiting_after_get(client, "nobody.example"), 0U);
+    EXPECT_TRUE(front_.receive_all(client) ==
+                answer + not_found + not_found + not_found + not_found);
+}
+
 TEST_F(reverse_proxy_test, the_address_told_is_the_peers) {
     const listening_backend backend;
     map("seventh.example", backend.port());

@@ -33,6 +33,7 @@ bool http_proxy::should_block(const std::string& /*host*/) {
 }
 
 void http_proxy::on_headers() {
+    drop_unread();
     std::puts(info(true).c_str());
     const split_url target(url);
     if (should_block(target.host)) return answer_not_found();
@@ -96,7 +97,16 @@ bool http_proxy::use_backend(const std::string& host, int to_port, const std::st
     return true;
 }
 
+void http_proxy::drop_unread() {
+    if (!attached()) pipe->to_backend.clear();
+}
+
+// The embedded pipe lives on, out of reach, and would keep what waits in it.
 void http_proxy::renew_pipe() {
+    if (pipe == &initial_pipe) {
+        initial_pipe.to_backend.clear();
+        initial_pipe.to_client.clear();
+    }
     proxy_pipe::release(pipe, &proxy_pipe::to_client);
     pipe = new proxy_pipe;
     proxy_pipe::wake_on_arrival(pipe->to_client, *this);

@@ -77,6 +77,11 @@ protected:
     }
     bool use_backend(const std::string& host, int to_port, const std::string& name);
 
+    /// Drops bytes that wait for a backend where there is none to read them: the body of a
+    /// request that was answered here, or what a backend that has gone left behind. Call it
+    /// first in an on_headers() of your own, or such bodies stay until the client leaves.
+    void drop_unread();
+
     /// Drops the current pipe, whose backend connection then drains and ends, for an empty one.
     void renew_pipe();
 

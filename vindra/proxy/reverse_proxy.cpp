@@ -15,6 +15,7 @@ base::hashmap<int>& reverse_proxy::hosts() {
 }
 
 void reverse_proxy::on_headers() {
+    drop_unread();
     const std::string host = get_header("host", headers);
     const int mapped_port = hosts().get(host);
     std::string line = "[";
