@@ -44,7 +44,7 @@ have() {
         python3-systemd) /usr/bin/python3 -c 'import systemd.journal' ;;
         python3-websockets) /usr/bin/python3 -c 'import websockets' ;;
         systemd-journal-remote) [[ -x /lib/systemd/systemd-journal-remote ]] ;;
-        lib*-dev) dpkg-query -W -f '${db:Status-Status}\n' "$1" | grep -Fx installed ;;
+        lib*-dev | nlohmann-json3-dev) dpkg-query -W -f '${db:Status-Status}\n' "$1" | grep -Fx installed ;;
         *) command -v "$1" ;;
     esac >/dev/null 2>&1
 }

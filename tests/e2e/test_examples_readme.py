@@ -17,6 +17,8 @@ ANSWERED = {
     "files": [b"# Examples\n", b"Content-Length: ", b"Not found\n"],
     "chat": [],
     "worker": [b"602489 primes\n"],
+    "todo": [b'{"done":false,"id":1,"text":"learn"}', b'{"done":true,"id":1,"text":"learn"}',
+             b'[{"done":true,"id":1,"text":"learn"}]'],
     "forward_proxy": [b"0 bytes of content", b"0 bytes of content", b"HTTP/1.1 404 Not Found\r\n"],
     "front_tls": [b"", b"X-Forwarded-For: 127.0.0.1\r\n"],
 }
