@@ -62,6 +62,73 @@ TEST(answer, has_a_length_and_a_body_where_they_belong) {
     }
 }
 
+TEST(answer, names_each_status) {
+    const struct {
+        int status;
+        const char* reason;
+    } cases[] = {
+        {200, "OK"},
+        {201, "Created"},
+        {202, "Accepted"},
+        {203, "Non-Authoritative Information"},
+        {204, "No Content"},
+        {205, "Reset Content"},
+        {206, "Partial Content"},
+        {300, "Multiple Choices"},
+        {301, "Moved Permanently"},
+        {302, "Found"},
+        {303, "See Other"},
+        {304, "Not Modified"},
+        {307, "Temporary Redirect"},
+        {308, "Permanent Redirect"},
+        {400, "Bad Request"},
+        {401, "Unauthorized"},
+        {402, "Payment Required"},
+        {403, "Forbidden"},
+        {404, "Not Found"},
+        {405, "Method Not Allowed"},
+        {406, "Not Acceptable"},
+        {407, "Proxy Authentication Required"},
+        {408, "Request Timeout"},
+        {409, "Conflict"},
+        {410, "Gone"},
+        {411, "Length Required"},
+        {412, "Precondition Failed"},
+        {413, "Content Too Large"},
+        {414, "URI Too Long"},
+        {415, "Unsupported Media Type"},
+        {416, "Range Not Satisfiable"},
+        {417, "Expectation Failed"},
+        {421, "Misdirected Request"},
+        {422, "Unprocessable Content"},
+        {426, "Upgrade Required"},
+        {428, "Precondition Required"},
+        {429, "Too Many Requests"},
+        {431, "Request Header Fields Too Large"},
+        {451, "Unavailable For Legal Reasons"},
+        {500, "Internal Server Error"},
+        {501, "Not Implemented"},
+        {502, "Bad Gateway"},
+        {503, "Service Unavailable"},
+        {504, "Gateway Timeout"},
+        {505, "HTTP Version Not Supported"},
+    };
+    for (const auto& c : cases) {
+        const outcome o = answer_to(get, [&](auto& conn) { conn.answer(c.status, "", ""); });
+        EXPECT_EQ(o.bytes.substr(0, o.bytes.find('\r')),
+                  "HTTP/1.1 " + std::to_string(c.status) + " " + c.reason);
+    }
+    const struct {
+        int status;
+        const char* line;
+    } before[] = {
+        {100, "100 Continue"}, {101, "101 Switching Protocols"}, {103, "103 Early Hints"}};
+    for (const auto& c : before) {
+        const outcome o = answer_to(get, [&](auto& conn) { conn.answer(c.status, "", ""); });
+        EXPECT_EQ(o.bytes, std::string("HTTP/1.1 ") + c.line + "\r\n\r\n");
+    }
+}
+
 TEST(answer, leaves_the_body_out_for_head) {
     const outcome o = answer_to("HEAD / HTTP/1.1\r\n\r\n",
                                 [](auto& conn) { conn.answer(200, "text/plain", "hello"); });

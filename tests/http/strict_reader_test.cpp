@@ -189,6 +189,20 @@ TEST(strict_reader, reads_the_next_request_when_the_first_has_its_late_answer) {
               "HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\n" + answer_with("/2 "));
 }
 
+TEST(strict_reader, keeps_the_part_of_a_head_behind_requests_that_waited) {
+    const auto conn = connection();
+    conn->silent = true;
+    feed(*conn, get("/1") + get("/2") + "GET /3 HT");
+    for (int i = 1; i <= 2; ++i) {
+        ASSERT_EQ(conn->requests, i);
+        conn->answer(200, "", conn->url);
+        drain(*conn);
+    }
+    conn->silent = false;
+    feed(*conn, "TP/1.1\r\nHost: a\r\n\r\n");
+    EXPECT_EQ(drain(*conn).bytes(), answer_with("/3 "));
+}
+
 TEST(strict_reader, calls_no_hook_for_what_it_refuses) {
     for (const char* line : {"Transfer-Encoding: chunked\r\n", "Content-Length: x\r\n"}) {
         const auto conn = connection();

@@ -403,6 +403,7 @@ TEST(answer_later, answers_500_where_there_is_no_answer) {
         []() -> http_answer { throw std::runtime_error("any"); },
         []() -> http_answer { throw 7; },
         [] { return http_answer{.status = 100}; },
+        [] { return http_answer{.status = 199}; },
         nullptr,
     };
     for (const auto& f : functions) {
