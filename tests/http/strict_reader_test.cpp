@@ -203,6 +203,20 @@ TEST(strict_reader, keeps_the_part_of_a_head_behind_requests_that_waited) {
     EXPECT_EQ(drain(*conn).bytes(), answer_with("/3 "));
 }
 
+TEST(strict_reader, measures_a_head_over_all_its_pieces) {
+    // 64 KiB, and the two line ends behind them.
+    const std::string path(65536 + 4 - get("/").size(), 'p');
+    for (const std::size_t piece : {70000U, 40000U, 65536U}) {
+        SCOPED_TRACE(testing::Message() << "pieces of " << piece);
+        const auto longest = connection();
+        feed(*longest, get("/" + path), piece);
+        EXPECT_EQ(longest->requests, 1);
+        const auto too_long = connection();
+        feed(*too_long, get("/" + path + "p"), piece);
+        EXPECT_EQ(drain(*too_long).bytes(), refusal("431 Request Header Fields Too Large"));
+    }
+}
+
 TEST(strict_reader, calls_no_hook_for_what_it_refuses) {
     for (const char* line : {"Transfer-Encoding: chunked\r\n", "Content-Length: x\r\n"}) {
         const auto conn = connection();
