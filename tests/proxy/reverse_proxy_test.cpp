@@ -7,6 +7,7 @@
 
 #include <string>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -381,6 +382,20 @@ TEST_F(reverse_proxy_test, small_pieces_are_held_back_on_neither_side) {
         socklen_t length = sizeof on;
         EXPECT_EQ(getsockopt(conn->fd, IPPROTO_TCP, TCP_NODELAY, &on, &length), 0);
         EXPECT_NE(on, 0);
+    }
+}
+
+TEST_F(reverse_proxy_test, no_socket_blocks_or_is_left_to_a_program_that_is_started) {
+    const listening_backend backend;
+    map("prompt.example", backend.port());
+    const far_end client = front_.connect();
+    client.send(get("prompt.example"));
+    front_.turn();
+    ASSERT_EQ(front_.get().connections.count, 2);
+    for (const connection* conn :
+         {front_.get().connections.head->next->value, front_.get().connections.tail->value}) {
+        EXPECT_NE(fcntl(conn->fd, F_GETFL) & O_NONBLOCK, 0);
+        EXPECT_NE(fcntl(conn->fd, F_GETFD) & FD_CLOEXEC, 0);
     }
 }
 
