@@ -74,6 +74,7 @@ TEST(request_head, reads_the_length) {
         {"content-length:12", 12},
         {"CONTENT-LENGTH: \t 007 \t", 7},
         {"Content-Length-X: 7", 0},
+        {"Content-Length: 9223372036854775806", largest - 1},
         {"Content-Length: 9223372036854775807", largest},
         {"Content-Length: 9223372036854775808", largest},
         {"Content-Length: 18446744073709551617", largest},
