@@ -514,6 +514,23 @@ TEST_F(rest_test, is_over_at_wake) {
     EXPECT_EQ(conn_->asked, asked + 1);
 }
 
+// Bytes of which nobody tells wait as long as the connection rests.
+TEST_F(rest_test, is_taken_by_a_backend_that_has_handed_over_everything) {
+    auto* pipe = new proxy_pipe;
+    auto* const backend = new proxy_connection(-1, pipe);
+    world_.enter(backend);
+    turn();
+    pipe->to_backend.on_arrival(nullptr, nullptr);
+    pipe->to_backend += "secret";
+    busy_turn();
+    busy_turn();
+    EXPECT_EQ(pipe->to_backend.size(), 6U);
+    backend->wake();
+    busy_turn();
+    EXPECT_EQ(pipe->to_backend.size(), 0U);
+    proxy_pipe::release(pipe, &proxy_pipe::to_client);
+}
+
 TEST_F(rest_test, does_not_outlast_a_wait_that_found_nothing) {
     turn();
     const int asked = conn_->asked;
