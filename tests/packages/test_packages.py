@@ -38,6 +38,11 @@ CONTENTS = [
         "/usr/share/doc/vindra/README.md",
         "/usr/share/doc/vindra/changelog.gz",
         "/usr/share/doc/vindra/docs/deploy.md",
+        "/usr/share/doc/vindra/docs/monitoring.md",
+        "/usr/share/doc/vindra/examples/mtail/vindra.mtail",
+        "/usr/share/doc/vindra/examples/systemd/limits.conf",
+        "/usr/share/doc/vindra/examples/systemd/vindra-watch.timer",
+        "/usr/share/doc/vindra/examples/ufw",
         "/usr/share/doc/vindra/examples/vindra-certificate",
         "/usr/share/fish/vendor_completions.d/vindra.fish",
         "/usr/share/man/man1/vindra-check.1.gz",
@@ -91,6 +96,20 @@ def test_the_library_is_tied_to_its_minor_version(packages):
     major, minor = map(int, re.match(r"(\d+)\.(\d+)\.", version).groups())
     assert shlibs == (f"libvindra {major} libvindra0 (>= {major}.{minor}~), "
                       f"libvindra0 (<< {major}.{minor + 1}~)\n")
+
+
+def test_the_pages_of_the_package_lead_to_each_other(packages, tmp_path):
+    packages.extract("vindra", tmp_path)
+    folder = tmp_path / "usr/share/doc/vindra"
+    done = subprocess.run(["python3", "-B", ROOT / "tests" / "checks" / "check_links", folder],
+                          stdout=subprocess.PIPE, text=True)
+    assert (done.returncode, done.stdout) == (0, "check_links: 0 findings\n")
+    text = "".join(page.read_text() for page in folder.rglob("*.md"))
+    # A page that lost its links, or a picture that no page shows, would pass.
+    assert "](../examples/vindra-certificate)" in text
+    shown = set(re.findall(r"\]\((?:docs/)?pictures/([^)]*)\)", text))
+    assert shown and shown == {picture.name for picture in (folder / "docs" / "pictures").iterdir()}
+    assert not (folder / "docs" / "benchmarks.md").exists() and not (folder / "docs" / "testing.md").exists()
 
 
 def test_lintian_finds_nothing(packages):
