@@ -20,6 +20,7 @@ BULK = ("download", "upload")
 MEMORY = ("idle_memory", "burst_memory")
 BACKLOG = ("backlog_64", "backlog_128", "backlog_256")
 LOG = ("log_1", "log_64")
+MORE_IS_BETTER = ("requests_per_second", "mib_per_second")
 
 
 def write(record, folder):
@@ -49,12 +50,13 @@ def text(record, drawn):
         "memory": figure_table(found, MEMORY, "kib_per_pair"),
         "peaks": figure_table(found, (*COST, *BULK), "peak_mib"),
         "backlog": backlog(found),
-        "start": figure_table(found, ("start",), "ms"),
+        "starts": figure_table(found, ("start",), "ms"),
         "log": figure_table(found, LOG, "us_per_request"),
         "log_share": log_share(record),
         "micro": micro(record.get("micro", [])),
         "behind": behind(found),
-        **{name: f"![{name.replace('_', ' ').capitalize()}]({PICTURES}/{name}.svg)" for name in drawn},
+        "better_peers": better_peers(found),
+        **{name: f"![{plots.in_words(found, name)}]({PICTURES}/{name}.svg)" for name in drawn},
     }
     page = re.sub(r"\{\{(\w+)\}\}", lambda match: parts.get(match.group(1), ""), TEMPLATE.read_text())
     return re.sub(r"\n{3,}", "\n\n", page)
@@ -146,3 +148,31 @@ def behind(found):
         return "Nowhere: every goal is met."
     return "\n".join(f"- **{row.title}**: {'; '.join(texts)}. {reasons.get(name, '').strip()}".rstrip()
                      for name, (row, texts) in missed.items())
+
+
+def best_peer(found, row, figure):
+    """The peer with the best median, and that median; None where no peer has the figure."""
+    medians = {server: statistics.median(values) for server in found[row]
+               if server.startswith(("nginx", "haproxy")) and (values := read.of(found, row, server, figure))}
+    best = max if figure in MORE_IS_BETTER else min
+    return best(medians.items(), key=lambda item: item[1]) if medians else None
+
+
+def better_peers(found):
+    """Each figure of each row in which a peer is better than vindra."""
+    lines = [["work", "figure", "vindra", "best peer"]]
+    for row in ROWS:
+        # Memory is that of the row's own table: at the end for those who wait, else the most under load.
+        other = "peak_mib" if row.name in (*IDLE, *MEMORY) else "resident_mib"
+        for figure, words in FIGURES.items():
+            if figure == other:
+                continue
+            ours = read.of(found, row.name, "vindra", figure)
+            peer = best_peer(found, row.name, figure) if ours else None
+            if not peer:
+                continue
+            ratio = peer[1] / statistics.median(ours)
+            if ratio > 1 if figure in MORE_IS_BETTER else ratio < 1:
+                lines.append([row.title, words, read.cell(found, row.name, "vindra", figure),
+                              f"{read.cell(found, row.name, peer[0], figure)} {peer[0]}"])
+    return markdown(lines) or "None."

@@ -43,6 +43,24 @@ def draw(results, folder):
     return names
 
 
+def in_words(results, name):
+    """What a plot shows, for those who do not see it: the medians of its main servers."""
+    if name == IDLE_FILE:
+        label, figure = "µs of processor time a request beside idle pairs", "us_per_request"
+        groups = {f"idle_{count}": f"{count:,} pairs" for count in IDLE}
+    else:
+        _, label, figure, groups = next(plot for plot in BARS if plot[0] == name)
+    said = []
+    for row, words in groups.items():
+        servers = [server for server in read.taken({row: results.get(row, {})}) if "with log" not in server]
+        medians = [f"{server} {read.written(statistics.median(found))}" for server in servers
+                   if (found := read.of(results, row, server, figure))]
+        if medians:
+            words = words.replace("\n", " ")
+            said.append(f"{words}: {', '.join(medians)}" if words else ", ".join(medians))
+    return f"Plot of {label}. {'; '.join(said)}"
+
+
 def save(figure, path):
     figure.tight_layout()
     figure.savefig(path, metadata={"Date": None})
