@@ -323,6 +323,24 @@ TEST(strict_reader, lets_the_client_of_a_refusal_finish) {
     EXPECT_EQ(conn->data, "");
 }
 
+TEST(strict_reader, lets_the_client_of_a_refusal_send_as_much_as_a_request_may_have) {
+    const struct {
+        int limit;
+        std::size_t waited_for;
+    } cases[] = {{0, 1000}, {-1, 1000}, {1, 1}, {300, 300}, {2000, 1000}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.limit);
+        const auto conn = connection();
+        conn->max_request_length = c.limit;
+        feed(*conn, "POST / HTTP/1.1\r\nHost: a\r\nContent-Length: 1000\r\n\r\n");
+        EXPECT_EQ(send_once(*conn).bytes, refusal("413 Content Too Large"));
+        feed(*conn, std::string(c.waited_for - 1, 'b'));
+        EXPECT_TRUE(send_once(*conn).open);
+        feed(*conn, "b");
+        EXPECT_FALSE(send_once(*conn).open);
+    }
+}
+
 TEST(strict_reader, waits_for_the_client_of_a_refusal_no_longer_than_it_sends) {
     const auto conn = connection();
     feed(*conn, "POST / HTTP/1.1\r\nHost: a\r\nContent-Length: 1000\r\n\r\n");
