@@ -301,6 +301,19 @@ TEST(request_reader, takes_the_block_after_one_that_meets_the_limit_exactly) {
     EXPECT_EQ(output.take(), "");
 }
 
+TEST(request_reader, takes_the_least_number_above_zero_for_the_tightest_limit) {
+    for (const int limit : {1, 0, -1}) {
+        SCOPED_TRACE(limit);
+        const auto conn = make_connection();
+        conn->max_request_length = limit;
+        captured_output output;
+        feed(*conn, "GE");
+        feed(*conn, "T / HTTP/1.1\r\n\r\n");
+        EXPECT_EQ(conn->requests, limit == 1 ? 0 : 1);
+        EXPECT_EQ(output.take(), limit == 1 ? "Warning! Request exceeds max length of 1.\n" : "");
+    }
+}
+
 TEST(request_reader, limits_a_head_that_never_ends) {
     const auto conn = make_connection();
     conn->max_request_length = 10;
