@@ -72,6 +72,12 @@ def test_wrong_arguments_are_one_line_and_status_2(script):
     assert (done.returncode, done.stdout, done.stderr.count("\n")) == (2, "", 1)
 
 
+def test_an_unknown_architecture_is_one_line_and_status_2():
+    done = subprocess.run([ROOT / "packaging" / "build", "--arch", "vax11"], capture_output=True, text=True)
+    said = "build: Debian has no architecture vax11 (see packaging/build --help)\n"
+    assert (done.returncode, done.stdout, done.stderr) == (2, "", said)
+
+
 def test_the_bill_of_materials_names_the_files_and_what_they_need(packages):
     said = subprocess.run([ROOT / "scripts" / "sbom", packages.folder], check=True,
                           capture_output=True, text=True).stdout
