@@ -22,9 +22,8 @@ def pytest_configure():
     missing = [tool for tool in TOOLS if not shutil.which(tool)]
     if missing:
         raise pytest.UsageError("not installed: " + ", ".join(missing))
-    for program in [program_path(), example_path("chat")]:
-        if not program.exists():
-            raise pytest.UsageError(f"build the program first: there is no {program}")
+    if not program_path().exists():
+        raise pytest.UsageError(f"build the program first: there is no {program_path()}")
 
 
 @contextlib.contextmanager
@@ -130,7 +129,9 @@ def serve_tls(launch, keep, credentials):
 def example(launch):
     """Start an example with a free port as its first argument: example("files", folder)."""
     def example(name, *arguments, build=None, **settings):
-        return launch("PORT", *arguments, path=example_path(name, build), **settings)
+        path = example_path(name, build)
+        assert path.exists(), f"build the examples first: there is no {path}"
+        return launch("PORT", *arguments, path=path, **settings)
     return example
 
 
