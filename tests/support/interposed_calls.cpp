@@ -15,6 +15,7 @@ int wait_error = 0;
 int accept_error = 0;
 int recv_error_once = 0;
 int recv_calls = 0;
+int poll_calls = 0;
 int send_limit = 0;
 
 } // namespace interposed
@@ -42,6 +43,7 @@ extern "C" int epoll_wait(int epfd, epoll_event* events, int most, int timeout) 
 
 extern "C" int poll(pollfd* fds, nfds_t count, int timeout) {
     static auto* const call = real<decltype(poll)>("poll");
+    ++interposed::poll_calls;
     if (fails_with(interposed::wait_error)) return -1;
     return call(fds, count, timeout);
 }

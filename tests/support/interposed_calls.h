@@ -17,6 +17,9 @@ extern int recv_error_once;
 /// How often recv() was called.
 extern int recv_calls;
 
+/// How often poll() was called.
+extern int poll_calls;
+
 /// Most bytes that one send() may take; 0 for no limit.
 extern int send_limit;
 

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <typeinfo>
 
 /// A connection that records what it is handed and sends what the test has put into `output`.
 class scripted_connection : public connection {
@@ -36,4 +37,16 @@ public:
     int asked = 0;
     std::function<void(scripted_connection&)> when_read;
     std::function<void()> on_end;
+};
+
+/// The same of a class that is left alone while it has nothing to send.
+class resting_connection : public scripted_connection {
+public:
+    resting_connection() { may_rest_as(typeid(resting_connection)); }
+
+    bool on_send(char* buffer, int capacity, int* length) override {
+        const bool stays = scripted_connection::on_send(buffer, capacity, length);
+        if (*length == 0) rest();
+        return stays;
+    }
 };

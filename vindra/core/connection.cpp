@@ -3,10 +3,14 @@
 #include "vindra/core/connection_pool.h"
 #include "vindra/core/sockets.h"
 
+#include <algorithm>
+
 connection::connection() : last_active(std::time(nullptr)) {}
 
 connection::~connection() {
+    roster::forget(*this);
     if (may_rest_) {
+        note_buffer_use_();
         connection_pool::note_untouched(this, send_buffer + send_buffer_used_,
                                         send_buffer + send_buffer_size);
     }
@@ -27,6 +31,13 @@ void connection::wake() {
 void connection::find_out_whether_it_may_rest_() {
     asked_ = true;
     may_rest_ = resting_class_ != nullptr && typeid(*this) == *resting_class_;
+}
+
+// Anyone may have set the two fields to anything.
+void connection::note_buffer_use_() {
+    const std::int64_t end = std::int64_t{send_offset} + send_length;
+    const auto within = std::clamp<std::int64_t>(end, 0, send_buffer_size);
+    send_buffer_used_ = std::max(send_buffer_used_, static_cast<int>(within));
 }
 
 void connection::trim_send_buffer_() {

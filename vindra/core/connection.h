@@ -8,6 +8,10 @@
 #include <ctime>
 #include <typeinfo>
 
+#if !defined(__GXX_RTTI)
+#error "vindra tells classes of connections apart at run time: compile without -fno-rtti"
+#endif
+
 class abstract_server;
 
 /// One socket, and everything that lives exactly as long as it.
@@ -84,8 +88,9 @@ public:
     /// The last answer of on_send(): false once this connection ends when its buffer drains.
     bool more = false;
 
-    /// Bytes on their way out: [send_offset, send_offset + send_length). Not cleared by the
-    /// constructor, so that a page nobody writes to is never touched.
+    /// Bytes on their way out: [send_offset, send_offset + send_length). Written to by on_send()
+    /// alone, and by no server, but for a class that has called may_rest_as(). Not cleared by
+    /// the constructor, so that a page nobody writes to is never touched.
     char send_buffer[send_buffer_size];
 
     /// Seconds without activity after which the server ends this connection; it does so once
@@ -94,15 +99,13 @@ public:
 
 protected:
     /// For the constructor of a class whose on_send() calls rest() when it has nothing to give
-    /// until new input arrives or wake() is called, and writes nothing into the buffer behind
-    /// the bytes that it gives. A busy server then leaves connections of exactly that class,
-    /// `own_class` being its typeid, alone meanwhile. Those of classes derived from it are asked
-    /// every turn, whatever their base says, unless they call this too.
+    /// until new input arrives or wake() is called, writes nothing into the buffer behind
+    /// the bytes that it gives, and expects nothing of what stood there before. A busy server then
+    /// leaves connections of exactly that class, `own_class` being its typeid, alone meanwhile, and
+    /// clears the buffer of one that has sent nothing for a while. Those of classes derived from it
+    /// are asked every turn and keep what they wrote, whatever their base says, unless they call
+    /// this too.
     void may_rest_as(const std::type_info& own_class) { resting_class_ = &own_class; }
-
-    /// For whoever gives a connection its socket: that is one of TCP, where a read that brings
-    /// less than it has room for leaves nothing behind. Saves the read that would find that out.
-    void reads_tcp() { reads_tcp_ = true; }
 
     /// For on_send(), together with an answer of true and no bytes.
     void rest() { rests_ = true; }
@@ -117,16 +120,17 @@ private:
     }
     void find_out_whether_it_may_rest_();
     void prefetch_() const;
+    void note_buffer_use_();
     void trim_send_buffer_();
 
     roster::entry roster_entry_;
     const std::type_info* resting_class_ = nullptr;
-    bool reads_tcp_ = false;
     bool asked_ = false;
     /// This object is of the class that called may_rest_as() last. Known once it is asked.
     bool may_rest_ = false;
     /// The last on_send() has called rest().
     bool rests_ = false;
-    /// How far `send_buffer` has been filled since its pages were last given back.
+    /// How far `send_buffer` has been filled since its pages were last given back, as far as
+    /// `send_offset` and `send_length` have shown.
     int send_buffer_used_ = 0;
 };

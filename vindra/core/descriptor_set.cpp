@@ -9,6 +9,7 @@ namespace sockets {
 void descriptor_set::set(int fd) {
     if (fd < 0) return;
     insert(fd);
+    ++marks_;
     if (registry_ != nullptr) registry_->on_set(fd);
 }
 

@@ -75,6 +75,10 @@ private:
 
     /// Told of every change; null on all sets but the watched one.
     registry* registry_ = nullptr;
+
+    /// Calls of set(); wraps around. Tells bits that an application has set from those that a
+    /// wait has.
+    std::uint32_t marks_ = 0;
 };
 
 } // namespace sockets

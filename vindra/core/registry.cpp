@@ -1,12 +1,18 @@
 #include "vindra/core/registry.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <chrono>
 #include <utility>
 
+#include <fcntl.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace sockets {
 
@@ -49,8 +55,9 @@ void registry::on_set(int fd) {
     errors.erase(fd);
 
     watch& w = at(fd);
+    ++w.life;
     w.watched = false;
-    w.may_read = w.may_be_urgent = w.ending = w.full = false;
+    w.may_read = w.may_be_urgent = w.ending = w.full = w.tcp = false;
     if (!w.changed) changed_.push_back(fd);
     w.changed = true;
 }
@@ -71,7 +78,21 @@ void registry::forget(int fd) {
 
     // The kernel drops a closed descriptor by itself, so there is no change to tell it of.
     watch& w = at(fd);
-    w.watched = w.may_read = w.may_be_urgent = w.full = false;
+    w.watched = w.may_read = w.may_be_urgent = w.full = w.tcp = false;
+}
+
+// One that only names a place: reading and writing give EBADF, as they do for a number that is
+// free.
+void registry::prepare_to_keep() {
+    if (stand_in_ < 0) stand_in_ = open("/", O_PATH | O_CLOEXEC);
+}
+
+// In one call, so that the number is never free: another thread may open a file at any moment.
+bool registry::close_but_keep(int fd) {
+    prepare_to_keep();
+    if (fd < 0 || stand_in_ < 0) return false;
+    forget(fd);
+    return dup3(stand_in_, fd, O_CLOEXEC) == fd;
 }
 
 void registry::drained(int fd) {
@@ -80,6 +101,32 @@ void registry::drained(int fd) {
 
 void registry::filled(int fd) {
     if (all.test(fd)) at(fd).full = true;
+}
+
+void registry::note_tcp(int fd) {
+    assert(all.test(fd));
+    at(fd).tcp = true;
+}
+
+bool registry::is_tcp(int fd) {
+    const bool is_watched = all.test(fd);
+    if (is_watched && at(fd).tcp) return true;
+    const auto option = [fd](int name) {
+        int value = -1;
+        socklen_t length = sizeof value;
+        return getsockopt(fd, SOL_SOCKET, name, &value, &length) == 0 ? value : -1;
+    };
+    // Both: the number of a protocol means another one in another family, and raw sockets have
+    // TCP's as well.
+    const bool tcp = option(SO_TYPE) == SOCK_STREAM && option(SO_PROTOCOL) == IPPROTO_TCP;
+    if (is_watched) at(fd).tcp = tcp;
+    return tcp;
+}
+
+bool registry::is_emptied_by_short_read(int fd) {
+    if (!all.test(fd)) return false;
+    const watch& w = at(fd);
+    return w.tcp && !w.ending;
 }
 
 bool registry::wait(int milliseconds) {
@@ -93,6 +140,8 @@ bool registry::wait(int milliseconds) {
     if (waited) return true;
     clear_results();
     num_ready = -1;
+    // The work that nobody has news of is still there.
+    hurried_ = hurried;
     return false;
 }
 
@@ -155,7 +204,7 @@ bool registry::tell_kernel(int fd, watch& w) {
 
     epoll_event event{};
     event.events = EPOLLIN | EPOLLOUT | EPOLLPRI | EPOLLRDHUP | EPOLLET;
-    event.data.u64 = pack(fd, ++w.life);
+    event.data.u64 = pack(fd, w.life);
     // A number that was set twice is still watched; changing it brings its state as news
     // once more, as adding it does.
     w.watched = epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event) == 0 ||
@@ -202,7 +251,7 @@ void registry::gather_questions() {
 // only writes then needs no second one.
 bool registry::ask(int milliseconds, bool& news) {
     questions_.push_back({epoll_, POLLIN, 0});
-    const int count = poll(questions_.data(), questions_.size(), milliseconds);
+    const int count = put_questions(milliseconds);
     answered_ = count > 0;
     if (count < 0) return false;
 
@@ -210,6 +259,28 @@ bool registry::ask(int milliseconds, bool& news) {
     questions_.pop_back();
     for (const pollfd& q : questions_) on_answer(q.fd, q.events, q.revents);
     return true;
+}
+
+int registry::put_questions(int milliseconds) {
+    const int count = poll(questions_.data(), questions_.size(), milliseconds);
+    return count < 0 && errno == EINVAL ? put_in_portions(milliseconds) : count;
+}
+
+// For a process whose limit of descriptors was lowered below what it has open. Each portion is
+// only looked at; the sleep is left to the last question, the one whether the kernel has news.
+// That covers all that is watched: a "no" means that news will come.
+int registry::put_in_portions(int milliseconds) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const std::size_t most = std::max<std::size_t>(limit.rlim_cur, 1);
+    int sum = 0;
+    for (std::size_t at = 0; at < questions_.size(); at += most) {
+        const std::size_t length = std::min(most, questions_.size() - at);
+        const int count = poll(&questions_[at], length, 0);
+        if (count < 0) return count;
+        sum += count;
+    }
+    return sum > 0 || milliseconds == 0 ? sum : poll(&questions_.back(), 1, milliseconds);
 }
 
 bool registry::take_news(int milliseconds) {
@@ -225,7 +296,7 @@ bool registry::take_news(int milliseconds) {
 
 void registry::on_answer(int fd, short asked, short answer) {
     const auto events = static_cast<unsigned>(answer);
-    if ((asked & POLLOUT) != 0 && (events & write_events) != 0) report(writable, fd);
+    if ((asked & POLLOUT) != 0) on_answer_of_writing(fd, events);
     if ((asked & (POLLIN | POLLPRI)) == 0) return;
 
     watch& w = at(fd);
@@ -236,6 +307,16 @@ void registry::on_answer(int fd, short asked, short answer) {
     if (w.may_be_urgent) {
         w.may_be_urgent = (events & urgent_events) != 0;
         if (w.may_be_urgent) report(errors, fd);
+    }
+}
+
+// An answer that is none: the number of no descriptor, or the reading end of a pipe. It would be
+// the same at once, so this wait does not ask again.
+void registry::on_answer_of_writing(int fd, unsigned events) {
+    if ((events & write_events) != 0) {
+        report(writable, fd);
+    } else if (events != 0) {
+        marked_.erase(fd);
     }
 }
 

@@ -39,8 +39,26 @@ public:
     /// Takes `fd` out of every set, knowing that its owner closes it now.
     void forget(int fd);
 
+    /// Closes what `fd` stands for, as sockets::close() does, and keeps the number taken: by a
+    /// descriptor that refuses all reading and writing, until sockets::close(). False, with nothing
+    /// done, where there is none to be had.
+    bool close_but_keep(int fd);
+
+    /// Opens what close_but_keep() needs, so that it can be had when descriptors are short.
+    void prepare_to_keep();
+
     void drained(int fd);
     void filled(int fd);
+
+    /// Has `fd`, a member of `all`, known as a TCP socket.
+    void note_tcp(int fd);
+
+    /// True when `fd` is a TCP socket. Asks the kernel unless that is known of a member of `all`.
+    bool is_tcp(int fd);
+
+    /// True when a read from `fd` that brought less than there was room for has left nothing
+    /// behind: only TCP says so, and only while no end or error is on its way.
+    bool is_emptied_by_short_read(int fd);
 
     /// Makes the next wait a look.
     void hurry() { hurried_ = true; }
@@ -48,9 +66,11 @@ public:
     /// The last wait has lasted to its end and found nothing.
     bool idle() const { return idle_; }
 
-    /// True when news of an end of stream, a hang-up or an error of `fd` has come: the next
-    /// read, or the one after, will show it.
-    bool ending(int fd) { return all.test(fd) && at(fd).ending; }
+    /// How often `fd` has been set in `all`: another number, another life of the descriptor.
+    std::uint32_t life(int fd) { return at(fd).life; }
+
+    /// Bits that others than the wait have set in its results so far; wraps around.
+    std::uint32_t marks() const { return readable.marks_ + writable.marks_ + errors.marks_; }
 
     /// Calls `visit(fd)` for every descriptor with a result of the last wait.
     template <typename Visit>
@@ -87,6 +107,8 @@ private:
         bool ending = false;
         /// The last write met a full socket.
         bool full = false;
+        /// Known to be a TCP socket.
+        bool tcp = false;
     };
 
     registry();
@@ -100,8 +122,11 @@ private:
     void list_unsettled(int fd, watch& w);
     void gather_questions();
     bool ask(int milliseconds, bool& news);
+    int put_questions(int milliseconds);
+    int put_in_portions(int milliseconds);
     bool take_news(int milliseconds);
     void on_answer(int fd, short asked, short answer);
+    void on_answer_of_writing(int fd, unsigned events);
     void on_news(const epoll_event& event);
     void report(descriptor_set& result, int fd);
 
@@ -110,6 +135,8 @@ private:
     bool hurried_ = false;
     bool idle_ = false;
     int epoll_ = -1;
+    /// What stands in for a closed descriptor; -1 before it is needed.
+    int stand_in_ = -1;
     std::vector<watch> watches_;
     std::vector<int> changed_;
     std::vector<int> unsettled_;

@@ -4,68 +4,148 @@
 #include "vindra/core/registry.h"
 
 #include <algorithm>
+#include <cassert>
 
-void roster::rebuild() {
-    clear();
-    in_use_ = true;
-    removals_ = list_.removals();
-    last_ = list_.head;
-    while (last_->next != nullptr) enrol(*last_->next->value, last_);
+namespace {
+
+// Never destroyed: servers may end while the process exits.
+std::vector<roster*>& rosters() {
+    static std::vector<roster*>& all = *new std::vector<roster*>;
+    return all;
 }
 
-void roster::clear() {
-    in_use_ = false;
-    by_fd_.clear();
+// Who was enrolled last with which number, whatever the roster.
+std::vector<connection*>& holders() {
+    static std::vector<connection*>& by_number = *new std::vector<connection*>;
+    return by_number;
+}
+
+// The place of `fd` in a table that grows as far as it is used; `fd` is not negative.
+template <typename T>
+T& at(std::vector<T>& table, int fd) {
+    const auto index = static_cast<std::size_t>(fd);
+    if (index >= table.size()) table.resize(std::max(index + 1, 2 * table.size()));
+    return table[index];
+}
+
+template <typename T>
+T look_at(const std::vector<T>& table, int fd) {
+    const auto index = static_cast<std::size_t>(fd);
+    return index < table.size() ? table[index] : T{};
+}
+
+std::uint64_t enrolments = 0;
+
+} // namespace
+
+roster::roster(list& connections) : list_(connections) {
+    rosters().push_back(this);
+}
+
+roster::~roster() {
+    std::erase(rosters(), this);
+}
+
+void roster::rebuild() {
+    in_use_ = true;
+    removals_ = list_.removals();
+    enrolment_ = ++enrolments;
     awake_.clear();
     cursor_ = 0;
+    resting_ = 0;
+    untidy_ = false;
+    last_ = list_.head;
+    enrol_new();
+    for (const int fd : unplaced_) {
+        if (find_holder(fd) == nullptr) at(nobodys_, fd) = life_of(fd);
+    }
+    unplaced_.clear();
+}
+
+// One more than the registry's, whose first is 0.
+std::uint32_t roster::life_of(int fd) {
+    return sockets::registry::instance().life(fd) + 1;
+}
+
+connection* roster::find_holder(int fd) {
+    connection* const conn = look_at(holders(), fd);
+    return conn != nullptr && conn->fd == fd ? conn : nullptr;
+}
+
+bool roster::is_enrolled(const connection& conn) const {
+    return conn.roster_entry_.enrolment == enrolment_;
+}
+
+void roster::enrol_new() {
+    while (last_->next != nullptr) enrol(*last_->next->value, last_);
 }
 
 void roster::enrol(connection& conn, list::node* before) {
     last_ = before->next;
-    conn.roster_entry_ = {this, before, ++last_place_, conn.fd, true, false};
+    conn.roster_entry_ = {enrolment_, before, ++last_place_, conn.fd, true, false};
     awake_.push_back({last_place_, &conn});
-    if (conn.fd < 0) return;
-
-    const auto index = static_cast<std::size_t>(conn.fd);
-    if (index >= by_fd_.size()) by_fd_.resize(std::max(index + 1, 2 * by_fd_.size()));
-    by_fd_[index] = &conn;
+    if (conn.fd >= 0) at(holders(), conn.fd) = &conn;
 }
 
-void roster::wake_ready() {
-    sockets::registry::instance().for_each_result([this](int fd) {
-        const auto index = static_cast<std::size_t>(fd);
-        connection* const conn = index < by_fd_.size() ? by_fd_[index] : nullptr;
-        if (conn == nullptr || conn->roster_entry_.awake) return;
-        conn->roster_entry_.awake = true;
-        awake_.push_back({conn->roster_entry_.place, conn});
+bool roster::wake_ready(int listener) {
+    assert(in_use());
+    enrol_new();
+    sockets::registry::instance().for_each_result([this, listener](int fd) {
+        connection* const conn = find_holder(fd);
+        if (conn != nullptr) {
+            if (is_enrolled(*conn)) rouse(*conn);
+        } else if (fd != listener && look_at(nobodys_, fd) != life_of(fd)) {
+            unplaced_.push_back(fd);
+        }
     });
+    return unplaced_.empty();
 }
 
 void roster::wake(connection& conn) {
-    entry& e = conn.roster_entry_;
-    if (e.home == nullptr || !e.home->in_use() || e.awake) return;
-    e.awake = true;
-    e.home->insert(conn);
+    for (roster* const r : rosters()) {
+        if (r->is_enrolled(conn) && r->in_use()) r->rouse(conn);
+    }
 }
 
-// Between passes the cursor stands at 0, so that nobody is behind it.
+void roster::rouse(connection& conn) {
+    entry& e = conn.roster_entry_;
+    if (e.awake) return;
+    e.awake = true;
+    --resting_;
+    if (passing_) return insert(conn);
+    awake_.push_back({e.place, &conn});
+    untidy_ = true;
+}
+
+void roster::forget(const connection& conn) {
+    const int fd = conn.roster_entry_.fd;
+    if (fd >= 0 && look_at(holders(), fd) == &conn) at(holders(), fd) = nullptr;
+}
+
+// Where next() has come past its place, the connection is visited in the next pass.
 void roster::insert(connection& conn) {
     const std::uint64_t place = conn.roster_entry_.place;
-    const auto at = std::upper_bound(awake_.begin(), awake_.end(), place,
-                                     [](std::uint64_t p, const line& l) { return p < l.place; });
-    if (static_cast<std::size_t>(at - awake_.begin()) < cursor_) ++cursor_;
-    awake_.insert(at, {place, &conn});
+    const auto where = std::upper_bound(awake_.begin(), awake_.end(), place,
+                                        [](std::uint64_t p, const line& l) { return p < l.place; });
+    if (static_cast<std::size_t>(where - awake_.begin()) < cursor_) ++cursor_;
+    awake_.insert(where, {place, &conn});
 }
 
 void roster::begin_pass() {
+    assert(in_use());
+    // The last pass may have been left by an exception of a hook.
+    cursor_ = 0;
+    passing_ = true;
+    if (!untidy_) return;
     std::erase_if(awake_, [](const line& l) { return l.conn == nullptr; });
     const auto by_place = [](const line& a, const line& b) { return a.place < b.place; };
     if (!std::is_sorted(awake_.begin(), awake_.end(), by_place))
         std::sort(awake_.begin(), awake_.end(), by_place);
-    cursor_ = 0;
+    untidy_ = false;
 }
 
 connection* roster::next() {
+    assert(passing_ && in_use());
     if (cursor_ == awake_.size()) {
         if (last_->next == nullptr) return nullptr;
         enrol(*last_->next->value, last_);
@@ -73,23 +153,45 @@ connection* roster::next() {
     return awake_[cursor_++].conn;
 }
 
+const connection* roster::upcoming() const {
+    return cursor_ < awake_.size() ? awake_[cursor_].conn : nullptr;
+}
+
+void roster::rebuild_behind(const list::node* last) {
+    rebuild();
+    const auto stands_behind = [last](const line& l) {
+        return l.conn->roster_entry_.before == last;
+    };
+    const auto where = std::find_if(awake_.begin(), awake_.end(), stands_behind);
+    cursor_ = static_cast<std::size_t>(where - awake_.begin());
+}
+
+void roster::end_pass() {
+    passing_ = false;
+    cursor_ = 0;
+}
+
 void roster::rest() {
     line& l = awake_[cursor_ - 1];
+    assert(l.conn->roster_entry_.awake);
     l.conn->roster_entry_.awake = false;
     l.conn = nullptr;
+    untidy_ = true;
+    ++resting_;
 }
 
 void roster::strike() {
     line& l = awake_[cursor_ - 1];
     entry& e = l.conn->roster_entry_;
     list::node* const own = e.before->next;
+    assert(own->value == l.conn);
     if (own == last_) {
         last_ = e.before;
     } else {
         own->next->value->roster_entry_.before = e.before;
     }
-    if (e.fd >= 0) by_fd_[static_cast<std::size_t>(e.fd)] = nullptr;
-    e.home = nullptr;
+    e.enrolment = 0;
     l.conn = nullptr;
+    untidy_ = true;
     ++removals_;
 }

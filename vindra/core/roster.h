@@ -8,11 +8,11 @@
 
 class connection;
 
-/// Which connections of one server have something to do, in the order of its list.
+/// Which connections of one server a turn visits, in the order of the server's list.
 ///
 /// Kept beside the list so that a turn costs what its busy connections cost. A connection is
-/// *awake* from the moment it is enrolled; one of a class that may rest does so once it has
-/// nothing to hand over, until a result of the wait or wake() says otherwise:
+/// *awake* from the moment it is enrolled; its server may put it to rest, until a result of the
+/// wait or wake() says otherwise:
 ///
 ///     enrolled -> awake --- rest() ---> at rest
 ///                   ^--- news, wake() ----'
@@ -23,8 +23,12 @@ class connection;
 ///     while (connection* conn = next()) { ... rest() or strike() ... }
 ///     end_pass();
 ///
+/// What a connection carries for a roster counts only while that roster says so: one that was
+/// moved to another list, or taken out, or whose roster has ended, is a stranger to the roster that
+/// knew it before.
+///
 /// For server_base alone. It deletes nothing; whoever takes a connection out of the list
-/// strikes it here.
+/// strikes it here, or the roster is out of use until it is rebuilt.
 class roster {
 public:
     /// What a server keeps its connections in.
@@ -32,13 +36,13 @@ public:
 
     /// What a connection carries for the roster that it stands in.
     struct entry {
-        /// Null until enrolled.
-        roster* home = nullptr;
+        /// The enrolment that made this entry; 0 for none. No two enrolments have the same.
+        std::uint64_t enrolment = 0;
         /// The list's node before this connection's.
         list::node* before = nullptr;
         /// Rises along the list.
         std::uint64_t place = 0;
-        /// Where the table of descriptors names this connection; -1 for nowhere.
+        /// Number that the connection was enrolled with; negative for none.
         int fd = -1;
         bool awake = false;
         /// A first pass has looked at it since it was enrolled.
@@ -46,25 +50,33 @@ public:
     };
 
     /// Out of use until rebuild(). `connections` outlives it.
-    explicit roster(list& connections) : list_(connections) {}
+    explicit roster(list& connections);
     roster(const roster&) = delete;
     roster& operator=(const roster&) = delete;
+    ~roster();
 
     /// Enrols every connection of the list anew, each awake.
     void rebuild();
 
-    /// Forgets everything: out of use until the next rebuild().
-    void clear();
-
     /// True while nothing but strike() has taken a connection out of the list since rebuild().
     bool in_use() const { return in_use_ && removals_ == list_.removals(); }
 
-    /// Wakes whoever the last wait has news of.
-    void wake_ready();
+    /// True while somebody rests.
+    bool has_resting() const { return resting_ > 0; }
+
+    /// Wakes whoever the results of the wait are about, in a pass too. False, with some of them
+    /// left out, when there is a result of which nobody here can say whose it is: a connection may
+    /// have been given that number. Rebuild it then; if nobody has it, it is not asked for again.
+    ///
+    /// `listener` is a number that is known to be no connection's.
+    bool wake_ready(int listener);
 
     /// Has `conn` visited, in the pass under way if that has not come past it. Nothing happens
     /// to one that is awake or stands in no roster.
     static void wake(connection& conn);
+
+    /// Forgets whatever is kept of `conn`, which is about to end.
+    static void forget(const connection& conn);
 
     /// Puts those awake in order, for next() to begin with the first.
     void begin_pass();
@@ -72,8 +84,14 @@ public:
     /// The next connection to visit; null when there is none left.
     connection* next();
 
+    /// The connection that follows at present, for the processor to fetch ahead; may be null.
+    const connection* upcoming() const;
+
+    /// Rebuilds, in a pass, and has next() go on with the node behind `last`.
+    void rebuild_behind(const list::node* last);
+
     /// The pass is over, whether next() has come to the end or not.
-    void end_pass() { cursor_ = 0; }
+    void end_pass();
 
     /// The connection that next() gave last is not to be visited until it is woken.
     void rest();
@@ -88,22 +106,36 @@ private:
         connection* conn;
     };
 
+    void enrol_new();
     void enrol(connection& conn, list::node* before);
+    bool is_enrolled(const connection& conn) const;
+    void rouse(connection& conn);
     void insert(connection& conn);
+    static connection* find_holder(int fd);
+    static std::uint32_t life_of(int fd);
 
     list& list_;
     bool in_use_ = false;
     std::uint32_t removals_ = 0;
+    /// Stands in the entries of those who were enrolled since the last rebuild().
+    std::uint64_t enrolment_ = 0;
 
     /// Node of the last connection that is enrolled; the sentinel when there is none.
     list::node* last_ = nullptr;
     std::uint64_t last_place_ = 0;
 
-    /// Who has which descriptor.
-    std::vector<connection*> by_fd_;
-
     /// Those awake, by place. Null stands for one that rests or is gone, until the next pass.
     std::vector<line> awake_;
+    /// Nulls may stand in `awake_`, or somebody out of order.
+    bool untidy_ = false;
+    /// Between begin_pass() and end_pass().
+    bool passing_ = false;
     /// The line after the one that next() gave last.
     std::size_t cursor_ = 0;
+    std::size_t resting_ = 0;
+
+    /// The life in which nobody here was found to have a number, by that number; 0 for none.
+    std::vector<std::uint32_t> nobodys_;
+    /// Numbers that the last wake_ready() could not place.
+    std::vector<int> unplaced_;
 };

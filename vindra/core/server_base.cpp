@@ -39,10 +39,31 @@ void server_base::stop() {
     while (connections.count >= 1) end_connection(connections.pop());
 }
 
+// Closes the socket at once. The number of one with a session is handed out again only when this
+// ends: the session still knows it, and will write its close alert there.
+class server_base::closing_ {
+public:
+    explicit closing_(const connection& conn) {
+        if (conn.ssl != nullptr && sockets::registry::instance().close_but_keep(conn.fd)) {
+            kept_ = conn.fd;
+        } else {
+            sockets::close(conn.fd);
+        }
+    }
+    closing_(const closing_&) = delete;
+    closing_& operator=(const closing_&) = delete;
+    ~closing_() {
+        if (kept_ >= 0) sockets::close(kept_);
+    }
+
+private:
+    int kept_ = -1;
+};
+
 void server_base::end_connection(connection* conn) {
     // Deleted behind the hook, even one that throws.
     const std::unique_ptr<connection> owned(conn);
-    sockets::close(conn->fd);
+    const closing_ socket(*conn);
     on_remove(conn);
 }
 
@@ -65,11 +86,14 @@ bool server_base::accept_connection() {
     conn->fd = client;
     conn->address = peer.sin_addr.s_addr;
     conn->server = this;
-    conn->reads_tcp();
 
     if (on_accept(conn)) {
         connections.add(conn);
         sockets::all()->set(client);
+        // As the listener, which may be another's, of any kind.
+        sockets::registry& known = sockets::registry::instance();
+        if (known.is_tcp(fd)) known.note_tcp(client);
+        if (conn->ssl != nullptr) known.prepare_to_keep();
     } else {
         delete conn;
         sockets::close(client);
@@ -85,24 +109,22 @@ void server_base::on_remove(connection* /*conn*/) {}
 
 // Any other error than a full or an empty socket needs a second call to show the end that it
 // announces (a refused connection gives -1 and then 0), so no hint is given for it.
+//
+// Half of all reads would be there to learn that there is nothing more. TCP has told so already
+// by a short count, and of what arrives later the kernel has news. Outside an update others may
+// read as they like.
 int server_base::recv(connection* conn, char* buffer, int length) {
     if (conn == emptied_) {
         errno = EAGAIN;
         return -1;
     }
     const auto count = ::recv(conn->fd, buffer, static_cast<std::size_t>(length), 0);
-    if (has_emptied_(*conn, count, length)) emptied_ = conn;
+    if (reading_ && count > 0 && count < length &&
+        sockets::registry::instance().is_emptied_by_short_read(conn->fd))
+        emptied_ = conn;
     if (conn == emptied_ || (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)))
         sockets::drained(conn->fd);
     return static_cast<int>(count);
-}
-
-// Half of all reads would be there to learn that there is nothing more. TCP has told so already
-// by a short count, and of what arrives later the kernel has news; an end that came before needs
-// the second read to show. Outside an update others may read as they like.
-bool server_base::has_emptied_(const connection& conn, std::ptrdiff_t count, int length) const {
-    return reading_ && conn.reads_tcp_ && count > 0 && count < length &&
-           !sockets::registry::instance().ending(conn.fd);
 }
 
 int server_base::send(connection* conn, char* buffer, int length) {
@@ -115,8 +137,11 @@ void server_base::update_with(char* receive_buffer) {
     if (sockets::num_ready() < 0) return restart_after_failed_wait_();
 
     const std::time_t now = std::time(nullptr);
-    choose_walk_(now);
-    walk_([&](connection& conn) { service_(conn, receive_buffer, now); });
+    wake_for_turn_(now);
+    walk_([&](connection& conn) {
+        service_(conn, receive_buffer, now);
+        wake_marked_();
+    });
 
     if (port != 0 && sockets::readable()->test(fd) && !accept_connection()) {
         stop();
@@ -125,8 +150,7 @@ void server_base::update_with(char* receive_buffer) {
 
     walk_([&](connection& conn) { ask_(conn, now); });
     report_(now);
-    if (now != last_trim_) base::byte_queue::give_back_pages();
-    last_trim_ = now;
+    give_back_memory_(now);
     connection::selected() = nullptr;
 }
 
@@ -143,24 +167,30 @@ void server_base::restart_after_failed_wait_() {
 // With many connections most turns visit those alone that have something to do. Time-outs come
 // due when the second changes, and what others have done to a connection's fields is seen then
 // at the latest.
-void server_base::choose_walk_(std::time_t now) {
-    if (connections.count <= plain_walk_max) return roster_.clear();
-
-    if (roster_.in_use() && now == last_full_turn_ && !sockets::registry::instance().idle()) {
-        roster_.wake_ready();
-    } else {
+void server_base::wake_for_turn_(std::time_t now) {
+    const sockets::registry& found = sockets::registry::instance();
+    marks_seen_ = found.marks();
+    const bool few = connections.count <= plain_walk_max;
+    const bool everyone = few ? roster_.has_resting() : now != last_full_turn_ || found.idle();
+    if (everyone || !roster_.in_use() || (roster_.has_resting() && !roster_.wake_ready(fd))) {
         roster_.rebuild();
         last_full_turn_ = now;
     }
 }
 
-template <typename Visit>
-void server_base::walk_(Visit visit) {
-    if (roster_.in_use()) {
-        walk_awake_(visit);
-    } else {
-        walk_all_(visit);
-    }
+// A hook has set bits in the results of the wait: whoever they are about is looked at in this pass
+// if that has not come past it.
+void server_base::wake_marked_() {
+    const std::uint32_t marks = sockets::registry::instance().marks();
+    if (marks == marks_seen_ || !roster_.has_resting() || !roster_.in_use()) return;
+    marks_seen_ = marks;
+    if (!roster_.wake_ready(fd)) rebuild_behind_visited_();
+}
+
+// The cursor of the list tells how far the pass has come, also where the visited connection was
+// removed or where a hook has taken out others.
+void server_base::rebuild_behind_visited_() {
+    roster_.rebuild_behind(connections.prev != nullptr ? connections.prev->next : connections.next);
 }
 
 // Connections lie a mebibyte apart, so that each is a new page with its first and its last
@@ -171,41 +201,27 @@ inline void connection::prefetch_() const {
     __builtin_prefetch(&roster_entry_);
 }
 
-// Visits the connection behind the cursor, then moves on. A removal spends the cursor; the
-// walk goes on from the node behind the removed one, whose connection is thus passed over.
+// Visits those awake in the order of the list, whose cursor stands before the one in hand. A
+// removal spends the cursor; the walk goes on from the node behind the removed one, whose
+// connection is thus passed over, and ends where there is none.
 template <typename Visit>
-void server_base::walk_all_(Visit visit) {
-    connections.prev = connections.head;
-    connections.next = nullptr;
-    while (connections.prev != nullptr && connections.prev->next != nullptr) {
-        const auto* const node = connections.prev->next;
-        connection* conn = node->value;
-        if (node->next != nullptr) node->next->value->prefetch_();
-        connection::selected() = conn;
-        visit(*conn);
-        if (connections.prev != nullptr) {
-            connections.prev = connections.prev->next;
-        } else {
-            connections.prev = connections.next;
-            connections.next = nullptr;
-        }
-    }
-}
-
-// The same for those awake: what is left out are visits that would do nothing.
-template <typename Visit>
-void server_base::walk_awake_(Visit visit) {
+void server_base::walk_(Visit visit) {
+    if (!roster_.in_use()) roster_.rebuild();
     const connection* passed_over = nullptr;
     roster_.begin_pass();
     while (connection* conn = roster_.next()) {
+        if (const connection* const next = roster_.upcoming()) next->prefetch_();
         if (conn == passed_over) continue;
         connections.prev = conn->roster_entry_.before;
         connections.next = nullptr;
         connection::selected() = conn;
         visit(*conn);
-        if (connections.prev != nullptr) continue;
-        if (connections.next == nullptr) break;
-        passed_over = connections.next->value;
+        if (connections.prev == nullptr && connections.next == nullptr) break;
+        if (!roster_.in_use()) {
+            rebuild_behind_visited_();
+        } else if (connections.prev == nullptr) {
+            passed_over = connections.next->value;
+        }
     }
     roster_.end_pass();
 }
@@ -240,6 +256,7 @@ void server_base::read_(connection& conn, char* receive_buffer, std::time_t now)
 }
 
 void server_base::write_(connection& conn, std::time_t now) {
+    conn.note_buffer_use_();
     while (conn.send_length > 0) {
         const int count = send(&conn, conn.send_buffer + conn.send_offset, conn.send_length);
         if (count <= 0) break;
@@ -257,7 +274,7 @@ void server_base::ask_(connection& conn, std::time_t now) {
         if (conn.send_length > 0) conn.send_offset = 0;
     }
     if (conn.send_length != 0) {
-        conn.send_buffer_used_ = std::max(conn.send_buffer_used_, conn.send_length);
+        conn.note_buffer_use_();
         sockets::ready()->set(conn.fd);
     } else if (!conn.more) {
         remove_visited_();
@@ -273,20 +290,29 @@ void server_base::ask_(connection& conn, std::time_t now) {
 void server_base::leave_alone_(connection& conn, std::time_t now) {
     constexpr int kept_bytes_max = 4096;
     constexpr std::time_t kept_seconds = 2;
+    if (!conn.may_rest_) return;
     if (conn.send_buffer_used_ > kept_bytes_max && now - conn.last_active >= kept_seconds)
         conn.trim_send_buffer_();
 
-    if (roster_.in_use() && conn.roster_entry_.serviced && conn.rests_ && conn.may_rest_)
+    if (conn.rests_ && conn.roster_entry_.serviced && connections.count > plain_walk_max)
         roster_.rest();
 }
 
 void server_base::remove_visited_() {
-    if (roster_.in_use()) roster_.strike();
+    roster_.strike();
     // The one behind it is passed over, and may have something to send.
     sockets::hurry();
     connection* conn = connections.prev->next->value;
     connections.remove();
     end_connection(conn);
+}
+
+// Once a second for the process: with more than one server, each call in a turn would drop what
+// the turn has needed before it.
+void server_base::give_back_memory_(std::time_t now) {
+    static std::time_t last = 0;
+    if (now != last) base::byte_queue::give_back_pages();
+    last = now;
 }
 
 void server_base::report_(std::time_t now) {

@@ -7,6 +7,7 @@
 #include "vindra/core/roster.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <ctime>
 
 /// A listening socket and the connections it drives: all of a server that does not depend on
@@ -23,7 +24,10 @@
 /// visited in the next turn.
 ///
 /// Hooks run inside update() and stop(). They may add connections to the list (those are
-/// visited in the same pass if it has not ended) and must not take any out.
+/// visited in the same pass if it has not ended). They may take one out with its pop() or remove(),
+/// as anyone may between two turns, but never the one that the hook is about; whoever takes it out
+/// owns it then. A connection is driven by the server in whose list it stands, by the number in its
+/// `fd`, and by nobody while it stands in none.
 class VINDRA_API server_base : public abstract_server {
 public:
     /// Bytes of the buffer that received blocks are handed over in.
@@ -49,6 +53,10 @@ public:
 
     /// Closes the socket of `conn`, calls on_remove() and deletes it. Does not take it out of
     /// the list: do that first.
+    ///
+    /// Where `ssl` is set, the number of the socket stays taken, by a descriptor that refuses all
+    /// reading and writing, until on_remove() has returned: what a TLS library writes to it as
+    /// its last word reaches no file that was opened meanwhile.
     void end_connection(connection* conn);
 
     /// Makes the object for a client just accepted, with `new`; null refuses the client.
@@ -103,27 +111,28 @@ protected:
     int plain_walk_max = 32;
 
 private:
+    /// What end_connection() does about the number of a connection.
+    class closing_;
+
     template <typename Visit>
     void walk_(Visit visit);
-    template <typename Visit>
-    void walk_all_(Visit visit);
-    template <typename Visit>
-    void walk_awake_(Visit visit);
-    void choose_walk_(std::time_t now);
+    void wake_for_turn_(std::time_t now);
+    void wake_marked_();
+    void rebuild_behind_visited_();
     void restart_after_failed_wait_();
     void service_(connection& conn, char* receive_buffer, std::time_t now);
-    bool has_emptied_(const connection& conn, std::ptrdiff_t count, int length) const;
     void read_(connection& conn, char* receive_buffer, std::time_t now);
     void write_(connection& conn, std::time_t now);
     void ask_(connection& conn, std::time_t now);
     void leave_alone_(connection& conn, std::time_t now);
     void remove_visited_();
+    static void give_back_memory_(std::time_t now);
     void report_(std::time_t now);
 
-    /// In use while there are more than `plain_walk_max` connections.
+    /// Whom a turn visits. With at most `plain_walk_max` connections everyone is awake.
     roster roster_{connections};
-    /// Second in which spare memory was last given back.
-    std::time_t last_trim_ = 0;
+    /// Marks of others in the wait's results that have been acted on.
+    std::uint32_t marks_seen_ = 0;
 
     /// The connection whose last read has emptied its socket; null outside the reading of one.
     const connection* emptied_ = nullptr;

@@ -32,6 +32,10 @@ namespace sockets {
 descriptor_set* all() {
     return &registry::instance().all;
 }
+void watch_tcp(int fd) {
+    all()->set(fd);
+    if (fd >= 0) registry::instance().note_tcp(fd);
+}
 descriptor_set* ready() {
     return &registry::instance().ready;
 }

@@ -17,6 +17,11 @@ namespace sockets {
 /// close() to take it out.
 VINDRA_API descriptor_set* all();
 
+/// Sets `fd`, a TCP socket, in all(). Of such a socket a read that brings less than it has room
+/// for leaves nothing behind, which saves the read that would only find that out. Must not be used
+/// for a socket of another kind, where it may leave bytes or messages unread.
+VINDRA_API void watch_tcp(int fd);
+
 /// Orders for the coming wait alone: descriptors that want to write, in all() or not. Empty
 /// after every wait, so whoever still has something to write marks itself again.
 VINDRA_API descriptor_set* ready();
@@ -50,7 +55,7 @@ VINDRA_API void hurry();
 ///
 /// The one way to close a descriptor that stands in a set: the kernel hands the same number
 /// out again at once, and its new owner must not inherit what was found out about the old.
-/// -1 is harmless.
+/// -1 is harmless. Closing it in another way leaves its number in the sets: the caller's mistake.
 VINDRA_API void close(int fd);
 
 /// A descriptor to wake the wait by: an eventfd in all(), made at the first call and kept to the

@@ -171,6 +171,6 @@ bool http_proxy::connect_backend(const std::string& host, int to_port) {
         return true;
     }
     g_server()->connections.add(conn);
-    sockets::all()->set(socket);
+    sockets::watch_tcp(socket);
     return true;
 }

@@ -5,7 +5,6 @@ proxy_connection::proxy_connection(int socket, proxy_pipe* shared) : pipe(shared
     timeout = -1;
     ++pipe->refs;
     proxy_pipe::wake_on_arrival(pipe->to_backend, *this);
-    reads_tcp();
     may_rest_as(typeid(proxy_connection));
 }
 
