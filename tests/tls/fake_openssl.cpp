@@ -11,6 +11,8 @@
 std::vector<std::string> fake_openssl::calls;
 std::vector<fake_openssl::outcome> fake_openssl::read_outcomes;
 std::vector<fake_openssl::outcome> fake_openssl::write_outcomes;
+bool fake_openssl::makes_contexts = true;
+bool fake_openssl::makes_sessions = true;
 
 namespace {
 
@@ -60,7 +62,7 @@ const ssl_method_st* server_method() {
 
 ssl_ctx_st* ctx_new(const ssl_method_st* method) {
     note(method == the_method() ? "SSL_CTX_new" : "SSL_CTX_new of another method");
-    return context();
+    return fake_openssl::makes_contexts ? context() : nullptr;
 }
 
 void ctx_free(ssl_ctx_st*) {
@@ -84,6 +86,7 @@ long ctx_ctrl(ssl_ctx_st*, int command, long number, void*) {
 
 ssl_st* new_session(ssl_ctx_st* ctx) {
     note(ctx == context() ? "SSL_new" : "SSL_new of another context");
+    if (!fake_openssl::makes_sessions) return nullptr;
     auto session = std::make_unique<fake_session>();
     auto* const handle = reinterpret_cast<ssl_st*>(session.get());
     sessions[handle] = std::move(session);
@@ -187,6 +190,7 @@ fake_openssl::fake_openssl() {
     calls.clear();
     read_outcomes.clear();
     write_outcomes.clear();
+    makes_contexts = makes_sessions = true;
     for (const auto& r : replacements()) originals_.push_back(r.where.exchange(r.fake));
 }
 

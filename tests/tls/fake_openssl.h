@@ -33,6 +33,10 @@ public:
     static std::vector<outcome> read_outcomes;
     static std::vector<outcome> write_outcomes;
 
+    /// Whether contexts and sessions can be had; true for every new object.
+    static bool makes_contexts;
+    static bool makes_sessions;
+
     /// Sessions made and not released yet.
     static std::size_t open_sessions();
 

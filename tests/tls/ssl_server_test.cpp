@@ -9,6 +9,7 @@
 #include "tests/tls/fake_openssl.h"
 
 #include <cerrno>
+#include <ctime>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -19,6 +20,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -116,6 +118,115 @@ TEST_F(ssl_server_test, hands_the_results_of_the_library_on) {
         EXPECT_EQ(server.send(&conn, buffer, sizeof buffer), result);
     }
     server.on_remove(&conn);
+}
+
+// ---- What the library cannot give, and connections that need nothing of it.
+
+TEST_F(ssl_server_test, without_a_context_calls_nothing_on_it_and_closes_its_clients) {
+    fake_openssl::makes_contexts = false;
+    {
+        const captured_output out;
+        test_server server(port_.number(), true, "the.key", crt());
+        server.last_report = std::time(nullptr);
+        EXPECT_EQ(server.ctx, nullptr);
+        ASSERT_TRUE(server.start());
+        far_end client = far_end::connect_to(port_.number());
+        sockets::select_all();
+        server.update();
+        client.receive();
+        EXPECT_TRUE(client.closed_by_peer());
+        EXPECT_EQ(server.connections.count, 0);
+        set_mtime(1001);
+        pass(server, 61);
+        server.on_idle();
+    }
+    EXPECT_THAT(fake_openssl::calls, ElementsAre("OpenSSL_version_num", "OPENSSL_init_ssl 0 null",
+                                                 "TLS_server_method", "SSL_CTX_new"));
+}
+
+TEST_F(ssl_server_test, without_a_session_refuses_the_client) {
+    test_server server(port_.number(), true, "the.key", crt());
+    scripted_connection conn;
+    fake_openssl::makes_sessions = false;
+    fake_openssl::calls.clear();
+    EXPECT_FALSE(server.on_accept(&conn));
+    EXPECT_THAT(fake_openssl::calls, ElementsAre("SSL_new"));
+    EXPECT_EQ(conn.ssl, nullptr);
+}
+
+TEST_F(ssl_server_test, drives_connections_without_a_session_as_a_plain_server) {
+    const captured_output out;
+    test_server server(0, true, "the.key", crt());
+    server.last_report = std::time(nullptr);
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
+    far_end far(ends[1]);
+    auto* const conn = new scripted_connection;
+    conn->fd = ends[0];
+    server.connections.add(conn);
+    sockets::all()->set(conn->fd);
+    fake_openssl::calls.clear();
+    conn->output = "answer";
+    far.send("question");
+    for (int i = 0; i < 3; ++i) {
+        sockets::select_all();
+        server.update();
+    }
+    EXPECT_EQ(conn->received, "question");
+    EXPECT_EQ(far.receive(), "answer");
+    far.close();
+    sockets::select_all();
+    server.update();
+    EXPECT_EQ(server.connections.count, 0);
+    EXPECT_THAT(fake_openssl::calls, testing::IsEmpty());
+}
+
+// Asks, at the end of each connection, for a descriptor as an application opening a file does.
+class opening_server : public test_server {
+public:
+    using test_server::ssl_server;
+
+    void on_remove(connection* conn) override {
+        number = conn->fd;
+        opened = open("/dev/null", O_RDWR | O_CLOEXEC);
+        could_write = write(number, "x", 1) == 1;
+        could_read = read(number, &could_write, 0) == 0;
+        ssl_server::on_remove(conn);
+        opened_later = open("/dev/null", O_RDWR | O_CLOEXEC);
+        for (const int file : {opened, opened_later}) close(file);
+    }
+
+    int number = -1;
+    int opened = -1;
+    int opened_later = -1;
+    bool could_write = true;
+    bool could_read = true;
+};
+
+TEST_F(ssl_server_test, keeps_the_number_of_a_socket_from_others_until_its_session_is_released) {
+    const captured_output out;
+    opening_server server(port_.number(), true, "the.key", crt());
+    server.last_report = std::time(nullptr);
+    ASSERT_TRUE(server.start());
+    far_end client = far_end::connect_to(port_.number());
+    sockets::select_all();
+    server.update();
+    ASSERT_EQ(server.connections.count, 1);
+    const int number = server.connections.head->next->value->fd;
+    client.finish_sending();
+    for (int i = 0; i < 3; ++i) {
+        sockets::select_all();
+        server.update();
+    }
+    ASSERT_EQ(server.number, number);
+    EXPECT_NE(server.opened, number);
+    EXPECT_NE(server.opened_later, number);
+    EXPECT_FALSE(server.could_write);
+    EXPECT_FALSE(server.could_read);
+    client.receive();
+    EXPECT_TRUE(client.closed_by_peer()) << "the socket itself is closed";
+    EXPECT_EQ(fcntl(number, F_GETFD), -1) << "the number is free again";
+    EXPECT_FALSE(sockets::all()->test(number));
 }
 
 // ---- The certificate's file.
@@ -290,6 +401,7 @@ constexpr hint_case hint_cases[] = {
     {"an interrupted call", -1, EINTR, true},
     {"bytes", 1, 0, true},
     {"bytes, with an old error", 1, EAGAIN, true},
+    {"an end of the session", 0, EPIPE, true},
 };
 
 // The byte in the socket is never read, so that a wait reports it unless a hint was given.

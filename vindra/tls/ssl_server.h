@@ -19,8 +19,12 @@
 /// the std::string of a missing function, from the constructor (where a library that is too old
 /// or not there at all shows itself) to the destructor.
 ///
-/// What the library keeps of failures is a ring of 16 errors for the whole thread, and what it
-/// keeps of past sessions is bounded by its own limits, so neither is emptied here.
+/// Connections without a session, such as backend connections that others put into its list, are
+/// read and written as on a plain server. Where the library makes no context, or no session for a
+/// client, the client is closed.
+///
+/// The library keeps at most 16 errors per thread and bounds its memory of past sessions, so
+/// neither is emptied here.
 template <typename T>
 class ssl_server : public server<T> {
 public:
@@ -37,10 +41,11 @@ public:
     void on_idle() override;
 
     /// Gives the connection a session and begins its handshake, which recv() and send() carry on.
+    /// False where no session is to be had.
     bool on_accept(connection* conn) override;
 
-    /// Releases the session, without waiting for the peer's farewell. The socket is closed by
-    /// now, so that ours goes nowhere either.
+    /// Releases the session, without waiting for the peer's close alert. The socket is closed by
+    /// now and its number taken by a stand-in, so that our own alert goes nowhere.
     void on_remove(connection* conn) override;
 
     /// Bytes through the session, with the library's own results: positive is a count, 0 the
@@ -54,7 +59,7 @@ public:
     /// look. The key stays as it is, so the new certificate has to be one for that key.
     void load_certificate_maybe();
 
-    /// The library's context, shared by all sessions of this server.
+    /// The library's context, shared by all sessions of this server; null where it could make none.
     ssl_ctx_st* ctx = nullptr;
 
     /// The library has been initialised.
@@ -91,6 +96,7 @@ ssl_server<T>::ssl_server(int listen_port, bool only_localhost, const std::strin
     initialised = true;
     openssl::OPENSSL_init_ssl(0, nullptr);
     ctx = openssl::SSL_CTX_new(openssl::TLS_server_method());
+    if (ctx == nullptr) return;
     openssl::SSL_CTX_use_PrivateKey_file(ctx, key.c_str(), openssl::filetype_pem);
     load_certificate_maybe();
     openssl::SSL_CTX_ctrl(ctx, openssl::ctrl_mode, openssl::mode_enable_partial_write, nullptr);
@@ -98,6 +104,7 @@ ssl_server<T>::ssl_server(int listen_port, bool only_localhost, const std::strin
 
 template <typename T>
 ssl_server<T>::~ssl_server() noexcept(false) {
+    if (ctx == nullptr) return;
     try {
         openssl::SSL_CTX_free(ctx);
     } catch (const std::string&) {
@@ -114,7 +121,9 @@ void ssl_server<T>::on_idle() {
 
 template <typename T>
 bool ssl_server<T>::on_accept(connection* conn) {
+    if (ctx == nullptr) return false;
     ssl_st* const session = openssl::SSL_new(ctx);
+    if (session == nullptr) return false;
     openssl::SSL_set_fd(session, conn->fd);
     // The client's first bytes have hardly arrived: this tells the session its role.
     openssl::SSL_accept(session);
@@ -124,12 +133,14 @@ bool ssl_server<T>::on_accept(connection* conn) {
 
 template <typename T>
 void ssl_server<T>::on_remove(connection* conn) {
+    if (conn->ssl == nullptr) return;
     openssl::SSL_shutdown(session_(conn));
     openssl::SSL_free(session_(conn));
 }
 
 template <typename T>
 int ssl_server<T>::recv(connection* conn, char* buffer, int length) {
+    if (conn->ssl == nullptr) return server<T>::recv(conn, buffer, length);
     errno = 0;
     const int result = openssl::SSL_read(session_(conn), buffer, length);
     if (result < 0 && waits_for_news_()) sockets::drained(conn->fd);
@@ -138,6 +149,7 @@ int ssl_server<T>::recv(connection* conn, char* buffer, int length) {
 
 template <typename T>
 int ssl_server<T>::send(connection* conn, char* buffer, int length) {
+    if (conn->ssl == nullptr) return server<T>::send(conn, buffer, length);
     errno = 0;
     const int result = openssl::SSL_write(session_(conn), buffer, length);
     if (result <= 0 && waits_for_news_()) sockets::filled(conn->fd);
@@ -146,6 +158,7 @@ int ssl_server<T>::send(connection* conn, char* buffer, int length) {
 
 template <typename T>
 void ssl_server<T>::load_certificate_maybe() {
+    if (ctx == nullptr) return;
     const auto now = static_cast<double>(std::time(nullptr));
     if (!(now - last_check > seconds_between_looks_)) return;
     last_check = now;
