@@ -158,6 +158,59 @@ def test_every_sample_of_a_page_compiles(libraries, tmp_path, page):
                 *package_flags(libraries, "--cflags"))
 
 
+# Of the application's own, in a file that knows nothing of the library.
+SAME_NAME = """
+#include <cstdlib>
+class connection {
+public:
+    connection();
+    virtual ~connection();
+    virtual void on_recv(char*, int);
+    void wake();
+    static connection*& selected();
+};
+connection::connection() { std::abort(); }
+connection::~connection() { std::abort(); }
+void connection::on_recv(char*, int) { std::abort(); }
+void connection::wake() { std::abort(); }
+connection*& connection::selected() { std::abort(); }
+"""
+
+RELAY = """
+#include <cstdlib>
+#include <vindra/core/server.h>
+#include <vindra/proxy/reverse_proxy.h>
+int main(int, char** argv) {
+    reverse_proxy::hosts().set("here", reverse_proxy::echo_port);
+    server<reverse_proxy> s(std::atoi(argv[1]), true);
+    s.run();
+}
+"""
+
+
+def test_a_program_s_own_class_does_not_take_the_place_of_the_shared_library_s(libraries, tmp_path,
+                                                                              port):
+    sources = [tmp_path / "name.cpp", tmp_path / "relay.cpp"]
+    for source, text in zip(sources, [SAME_NAME, RELAY]):
+        source.write_text(text)
+    succeed(COMPILER, *sources, "-o", tmp_path / "relay",
+            *package_flags(libraries, "--cflags", "--libs"))
+    with running(tmp_path / "relay", port, LD_LIBRARY_PATH=str(libraries)):
+        assert b"Your IPv4 address" in curl("-H", "Host: here", url(port))
+
+
+def test_without_run_time_types_the_compiler_says_what_to_do(libraries, tmp_path):
+    source = tmp_path / "sample.cpp"
+    source.write_text(samples("README.md")[0])
+    done = subprocess.run([COMPILER, "-fsyntax-only", "-fno-rtti", source,
+                           *package_flags(libraries, "--cflags")], stdin=subprocess.DEVNULL,
+                          stderr=subprocess.PIPE, text=True, timeout=BUILD_SECONDS)
+    assert done.returncode != 0
+    errors = re.findall(r"error: (.*)", done.stderr)
+    assert len(errors) == 1
+    assert "-fno-rtti" in errors[0]
+
+
 def test_pkg_config_adds_the_loader_for_a_static_link(libraries):
     assert "-ldl" in package_flags(libraries, "--static", "--libs")
 
