@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <ctime>
 #include <string>
-#include <utility>
 
 #include <netinet/tcp.h>
 #include <sys/un.h>
@@ -233,31 +232,6 @@ TEST_F(turn_test, a_status_check_that_prints_nothing_counts_as_a_check) {
     disabled.update();
     EXPECT_EQ(out.take(), "");
     EXPECT_GE(disabled.last_report, std::time(nullptr) - 1);
-}
-
-TEST_F(turn_test, hurried_waits_are_not_idle) {
-    struct hurrying : abstract_server {
-        bool start() override { return true; }
-        void update() override {
-            this_was_hurried = std::exchange(next_is_hurried, ++updates <= 3);
-            if (next_is_hurried) sockets::hurry();
-        }
-        void on_idle() override {
-            idle_when_hurried = idle_when_hurried || this_was_hurried;
-            if (updates > 3) std::raise(SIGINT);
-        }
-        int updates = 0;
-        bool this_was_hurried = false;
-        bool next_is_hurried = false;
-        bool idle_when_hurried = false;
-    };
-    hurrying server;
-    abstract_server* servers[] = {&server, nullptr};
-    const captured_output out;
-    abstract_server::run(servers);
-    EXPECT_FALSE(server.idle_when_hurried);
-    EXPECT_GE(server.updates, 5);
-    std::signal(SIGINT, SIG_DFL);
 }
 
 TEST_F(turn_test, the_last_line_is_written_before_the_servers_end) {
