@@ -73,6 +73,27 @@ def test_a_short_run_leaves_numbers_and_a_page_of_them(tmp_path):
         assert (pages[0] / name).read_bytes() == (pages[1] / name).read_bytes()
 
 
+def test_the_page_names_each_figure_in_which_a_peer_is_better(tmp_path):
+    record = json.loads((BENCH / "results" / "latest.json").read_text())
+    record["rows"] = {
+        "get_1": {"vindra": [{"us_per_request": 9, "requests_per_second": 100, "p99_ms": 2}],
+                  "nginx": [{"us_per_request": 8, "requests_per_second": 99, "p99_ms": 2}],
+                  "haproxy": [{"us_per_request": 10, "requests_per_second": 110, "p99_ms": 3}],
+                  "floor": [{"us_per_request": 1, "requests_per_second": 200, "p99_ms": 1}]},
+        "start": {"vindra": [{"ms": 5}], "nginx": [{"ms": 6}]}}
+    numbers = tmp_path / "numbers.json"
+    numbers.write_text(json.dumps(record))
+    assert bench("report", numbers, tmp_path).returncode == 0
+    text = (tmp_path / "benchmarks.md").read_text()
+    title = "keep-alive GET of 100 bytes, 1 connection"
+    assert [line for line in text.splitlines() if line.startswith(f"| {title} | ") and line.count("|") == 5
+            and "of the best peer" not in line] == [
+        f"| {title} | µs of processor time a request | 9.00 | 8.00 nginx |",
+        f"| {title} | requests/s | 100 | 110 haproxy |"]
+    assert "| start to first answer | 5.00 | 6.00 |" in text
+    assert "![Plot of ms from start to first answer. vindra 5.00, nginx 6.00](pictures/start.svg)" in text
+
+
 @pytest.mark.parametrize("words", [[], ["/nowhere/at/all.json"], ["a", "b", "c"], [BENCH / "reasons.toml"]],
                          ids=["none", "missing", "three", "not numbers"])
 def test_report_refuses_what_is_no_run_in_one_line(words, tmp_path):
