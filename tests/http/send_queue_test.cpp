@@ -13,6 +13,7 @@
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 namespace {
 
@@ -230,6 +231,21 @@ TEST_F(send_queue, drops_a_file_without_budget) {
 TEST_F(send_queue, starts_a_file_where_it_stands) {
     std::fseek(add_file("abcdef").file, 2, SEEK_SET);
     expect_piece("cdef");
+}
+
+TEST_F(send_queue, closes_a_file_with_its_part) {
+    const auto lowest_free_number = [] {
+        const int fd = dup(STDERR_FILENO);
+        close(fd);
+        return fd;
+    };
+    const int before = lowest_free_number();
+    add_file("sent to its end");
+    drain(*conn_);
+    EXPECT_EQ(lowest_free_number(), before);
+    add_file("never sent");
+    conn_.reset();
+    EXPECT_EQ(lowest_free_number(), before);
 }
 
 TEST_F(send_queue, takes_a_read_error_for_the_end_of_the_file) {
