@@ -100,6 +100,15 @@ def measure(program, case, blocks, folder):
     return outcome[0], seconds, others, sites
 
 
+def result_of(job):
+    """Of a job that must not go on when the command is interrupted."""
+    try:
+        return job.result()
+    except BaseException:
+        running.end_all()
+        raise
+
+
 class Reach:
     """The map, made once for each state of the test programs."""
 
@@ -140,7 +149,7 @@ class Reach:
         with concurrent.futures.ThreadPoolExecutor(2) as pool:
             jobs = [pool.submit(self._measured_case, program, name, at) for at, name in enumerate(names)]
             for name, job in zip(names, jobs):
-                outcome, seconds, others, sites = job.result()
+                outcome, seconds, others, sites = result_of(job)
                 if outcome != "passed":
                     print(f"{name}: {outcome} without a fault, left out", file=sys.stderr)
                     continue

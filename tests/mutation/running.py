@@ -5,6 +5,7 @@ import re
 import select
 import signal
 import subprocess
+import threading
 import time
 
 # The machine may be busy with something else.
@@ -14,11 +15,16 @@ LIMIT_FACTOR = 10
 # A fault can make a program ask for memory without end.
 MEMORY_MAX = 6 << 30
 
-# Process groups of the programs that run now.
+# Process groups of the programs that run now, and whether no other may be started.
 alive = set()
+is_over = threading.Event()
 
 BEGINS = re.compile(rb"^\[ RUN      \] (\S+)", re.MULTILINE)
 FAILS = re.compile(rb"\[  FAILED  \] ([^\s,]+)")
+
+
+class Over(Exception):
+    """The command is ending."""
 
 
 def cases_of(program):
@@ -40,6 +46,8 @@ def run(program, cases, folder, seconds=None, environment=None):
 
     `seconds` is what each case takes in a program without a fault.
     """
+    if is_over.is_set():
+        raise Over
     temporary = folder / "tmp"
     temporary.mkdir(parents=True, exist_ok=True)
     command = [str(program), "--gtest_filter=" + ":".join(cases), "--gtest_fail_fast", "--gtest_color=no"]
@@ -51,7 +59,10 @@ def run(program, cases, folder, seconds=None, environment=None):
                                env={**os.environ, "TEST_TMPDIR": f"{temporary}/", **(environment or {})})
     alive.add(process.pid)
     try:
-        return _follow(process, cases, seconds or {})
+        outcome = _follow(process, cases, seconds or {})
+        if is_over.is_set():
+            raise Over
+        return outcome
     finally:
         # What it has left running goes with it; it is waited for last, so that the number is its own.
         _kill(process.pid)
@@ -68,7 +79,8 @@ def _kill(group):
 
 
 def end_all():
-    """For a command that is interrupted."""
+    """For a command that is interrupted: whoever runs something gets an exception."""
+    is_over.set()
     for group in list(alive):
         _kill(group)
 
