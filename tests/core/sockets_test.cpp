@@ -3,8 +3,10 @@
 #include "tests/support/captured_output.h"
 #include "tests/support/far_end.h"
 #include "tests/support/held_port.h"
+#include "tests/support/interposed_calls.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -693,6 +695,27 @@ TEST(sockets, a_descriptor_that_is_none_fails_the_wait_with_its_error) {
     sockets::all()->clear(closed);
     sockets::select_all();
     EXPECT_EQ(sockets::num_ready(), 0);
+}
+
+TEST(sockets, a_wait_that_fails_half_way_leaves_nothing_ready) {
+    pair_of_ends known;
+    known.far.send("x");
+    sockets::all()->set(known.near);
+    sockets::select_all();
+    ASSERT_TRUE(sockets::readable()->test(known.near));
+
+    const pair_of_ends fresh;
+    sockets::all()->set(fresh.near);
+    interposed::news_error = ENOMEM;
+    {
+        const captured_output out;
+        sockets::select_all();
+    }
+    interposed::news_error = 0;
+    EXPECT_EQ(sockets::num_ready(), -1);
+    EXPECT_FALSE(sockets::readable()->test(known.near));
+    sockets::select_all();
+    EXPECT_TRUE(sockets::readable()->test(known.near));
 }
 
 TEST(sockets, a_write_to_a_closed_peer_fails_instead_of_ending_the_process) {

@@ -12,6 +12,7 @@
 namespace interposed {
 
 int wait_error = 0;
+int news_error = 0;
 int accept_error = 0;
 int recv_error_once = 0;
 int recv_calls = 0;
@@ -37,7 +38,7 @@ bool fails_with(int error) {
 
 extern "C" int epoll_wait(int epfd, epoll_event* events, int most, int timeout) {
     static auto* const call = real<decltype(epoll_wait)>("epoll_wait");
-    if (fails_with(interposed::wait_error)) return -1;
+    if (fails_with(interposed::wait_error) || fails_with(interposed::news_error)) return -1;
     return call(epfd, events, most, timeout);
 }
 

@@ -8,6 +8,9 @@ namespace interposed {
 /// errno that the next waits (epoll_wait() and poll()) fail with; 0 lets them through.
 extern int wait_error;
 
+/// The same for epoll_wait() alone, which a wait calls behind a poll() that found something.
+extern int news_error;
+
 /// errno that the next accept4() fails with; 0 lets it through. The client stays waiting.
 extern int accept_error;
 
