@@ -131,28 +131,51 @@ TEST_P(lists_test, a_connection_that_was_taken_out_may_come_back) {
     EXPECT_EQ(conn.received, "a");
 }
 
+// Four connections, resting and not, of which the second takes out the first of the whole list in
+// its hook, in either way that a list has, and leaves or stays.
 TEST_P(lists_test, a_hook_may_take_out_others) {
-    far_end far[4];
-    scripted_connection* conns[4];
-    for (int i = 0; i < 4; ++i) {
-        conns[i] = i % 2 == 0 ? &resting(far[i]) : &join(far[i]);
-        conns[i]->timeout = -1;
+    for (const bool by_cursor : {false, true}) {
+        for (const bool leaves : {false, true}) {
+            SCOPED_TRACE(testing::Message() << by_cursor << leaves);
+            far_end first_far;
+            auto& first = resting(first_far);
+            take_out(server_, company_);
+            server_.connections.add(&company_);
+            far_end far[4];
+            scripted_connection* conns[4];
+            for (int i = 0; i < 4; ++i) {
+                conns[i] = i % 2 == 0 ? &resting(far[i]) : &join(far[i]);
+                conns[i]->timeout = -1;
+            }
+            for (int i = 0; i < 3; ++i) busy_turn();
+            ASSERT_EQ(in_list().front(), &first);
+            conns[1]->when_read = [&](scripted_connection&) {
+                if (by_cursor) {
+                    take_out(server_, first);
+                } else {
+                    server_.connections.pop();
+                }
+                sockets::close(first.fd);
+                delete &first;
+            };
+            for (const int i : {1, 2, 3}) far[i].send("a");
+            if (leaves) far[1].close();
+            server_.removed.clear();
+            turn_both();
+            EXPECT_EQ(removed(*conns[1]), leaves);
+            EXPECT_EQ(conns[2]->received, leaves ? "" : "a") << "behind one that is removed";
+            EXPECT_EQ(conns[3]->received, "a");
+            EXPECT_EQ(in_list().size(), leaves ? 4U : 5U);
+            far[0].send("a");
+            turn_both();
+            for (const int i : {0, 2}) EXPECT_EQ(conns[i]->received, "a") << i;
+            while (server_.connections.tail->value != &company_) {
+                connection* const last = server_.connections.tail->value;
+                take_out(server_, *last);
+                server_.end_connection(last);
+            }
+        }
     }
-    for (int i = 0; i < 3; ++i) busy_turn();
-    // The first of all, long before the cursor of the pass, by the one in the middle.
-    ASSERT_EQ(in_list().front(), &company_);
-    conns[1]->when_read = [this](scripted_connection&) {
-        connection* const first = server_.connections.pop();
-        sockets::close(first->fd);
-        delete first;
-    };
-    for (const int i : {1, 2, 3}) far[i].send("a");
-    turn_both();
-    for (const int i : {1, 2, 3}) EXPECT_EQ(conns[i]->received, "a") << i;
-    EXPECT_EQ(in_list(), (std::vector<connection*>{conns[0], conns[1], conns[2], conns[3]}));
-    far[0].send("a");
-    turn_both();
-    EXPECT_EQ(conns[0]->received, "a");
 }
 
 TEST_P(lists_test, connections_that_exchange_their_numbers_have_news_of_those_they_have_now) {

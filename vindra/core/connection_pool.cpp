@@ -1,6 +1,7 @@
 #include "vindra/core/connection_pool.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstdint>
 #include <cstring>
 #include <new>
@@ -138,11 +139,15 @@ private:
 
     void mark(const char* slot, bool used) {
         region& r = region_of(slot);
-        r.in_use[static_cast<std::size_t>(slot - r.begin) / stride_] = used;
+        const auto offset = static_cast<std::size_t>(slot - r.begin);
+        assert(offset % stride_ == 0 && offset / stride_ < r.slots_cut);
+        assert(r.in_use[offset / stride_] != used);
+        r.in_use[offset / stride_] = used;
     }
 
     static void wipe(char* slot, std::size_t size, const gap& untouched) {
         char* const end = slot + size;
+        assert(untouched.begin >= slot && untouched.begin <= untouched.end && untouched.end <= end);
         char* const cold_begin = page_ceiling(slot + std::min(warm_head, size));
         char* const cold_end = page_floor(end - std::min(warm_tail, size));
         if (cold_begin >= cold_end) {

@@ -44,6 +44,7 @@ registry::registry() {
 }
 
 registry::watch& registry::at(int fd) {
+    assert(fd >= 0);
     const auto index = static_cast<std::size_t>(fd);
     if (index >= watches_.size()) watches_.resize(std::max(index + 1, 2 * watches_.size()));
     return watches_[index];
@@ -130,6 +131,7 @@ bool registry::is_emptied_by_short_read(int fd) {
 }
 
 bool registry::wait(int milliseconds) {
+    assert(milliseconds >= 0);
     clear_results();
     marked_.swap(ready);
     ready.erase_all();

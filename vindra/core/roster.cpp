@@ -157,8 +157,8 @@ const connection* roster::upcoming() const {
     return cursor_ < awake_.size() ? awake_[cursor_].conn : nullptr;
 }
 
-void roster::rebuild_behind(const list::node* last) {
-    rebuild();
+void roster::resume_behind(const list::node* last) {
+    assert(passing_ && in_use() && awake_.size() == static_cast<std::size_t>(list_.count));
     const auto stands_behind = [last](const line& l) {
         return l.conn->roster_entry_.before == last;
     };

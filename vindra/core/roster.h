@@ -87,8 +87,8 @@ public:
     /// The connection that follows at present, for the processor to fetch ahead; may be null.
     const connection* upcoming() const;
 
-    /// Rebuilds, in a pass, and has next() go on with the node behind `last`.
-    void rebuild_behind(const list::node* last);
+    /// Has next() go on with the node behind `last`, in a pass in which rebuild() was called.
+    void resume_behind(const list::node* last);
 
     /// The pass is over, whether next() has come to the end or not.
     void end_pass();

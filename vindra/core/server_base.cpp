@@ -5,9 +5,11 @@
 #include "vindra/core/sockets.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <cstdio>
 #include <memory>
+#include <utility>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -187,10 +189,12 @@ void server_base::wake_marked_() {
     if (!roster_.wake_ready(fd)) rebuild_behind_visited_();
 }
 
-// The cursor of the list tells how far the pass has come, also where the visited connection was
-// removed or where a hook has taken out others.
+// For a pass in which the list has changed, or numbers have: behind the visited connection, or the
+// one that is passed over because the visited one was removed.
 void server_base::rebuild_behind_visited_() {
-    roster_.rebuild_behind(connections.prev != nullptr ? connections.prev->next : connections.next);
+    roster_.rebuild();
+    roster_.resume_behind(visited_ != nullptr ? visited_->roster_entry_.before->next
+                                              : connections.next);
 }
 
 // Connections lie a mebibyte apart, so that each is a new page with its first and its last
@@ -214,12 +218,12 @@ void server_base::walk_(Visit visit) {
         if (conn == passed_over) continue;
         connections.prev = conn->roster_entry_.before;
         connections.next = nullptr;
-        connection::selected() = conn;
+        connection::selected() = visited_ = conn;
         visit(*conn);
-        if (connections.prev == nullptr && connections.next == nullptr) break;
+        if (visited_ == nullptr && connections.next == nullptr) break;
         if (!roster_.in_use()) {
             rebuild_behind_visited_();
-        } else if (connections.prev == nullptr) {
+        } else if (visited_ == nullptr) {
             passed_over = connections.next->value;
         }
     }
@@ -299,10 +303,13 @@ void server_base::leave_alone_(connection& conn, std::time_t now) {
 }
 
 void server_base::remove_visited_() {
+    // A hook may have moved the cursor, and taken out others.
+    if (!roster_.in_use()) rebuild_behind_visited_();
+    connection* const conn = std::exchange(visited_, nullptr);
+    connections.prev = conn->roster_entry_.before;
     roster_.strike();
     // The one behind it is passed over, and may have something to send.
     sockets::hurry();
-    connection* conn = connections.prev->next->value;
     connections.remove();
     end_connection(conn);
 }

@@ -131,6 +131,8 @@ private:
 
     /// Whom a turn visits. With at most `plain_walk_max` connections everyone is awake.
     roster roster_{connections};
+    /// The connection in hand; null outside a visit and once it is removed.
+    connection* visited_ = nullptr;
     /// Marks of others in the wait's results that have been acted on.
     std::uint32_t marks_seen_ = 0;
 
