@@ -1,6 +1,6 @@
 #pragma once
 
-/// Marks what the shared library offers. Everything else in it is hidden, so that a program can
+/// Marks what the shared library offers; applications have no use for it. Everything else in it is hidden, so that a program can
 /// neither come to depend on it nor replace it by a symbol of the same name.
 ///
 /// A class or function whose body stands in a source file needs the mark, a class that is

@@ -21,7 +21,8 @@ class deferred_result;
 ///
 /// ```
 /// on_headers()  on_data()*  on_request()  reset()  ->  the next request     keep_alive
-/// on_headers()  on_data()*  on_request()  ->  ended once the answer is out  not kept
+/// on_headers()  on_data()*  on_request()  ->  ended once the answer is out  not kept, and
+///               on_data()   on_request()      for each block until then
 /// on_upgrade()  on_data()*                ->  frames: on_message()*         handshake
 /// ```
 ///
