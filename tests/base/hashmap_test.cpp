@@ -1,6 +1,7 @@
 #include "vindra/base/hashmap.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <map>
 #include <random>
@@ -25,6 +26,11 @@ std::uint32_t bad_hash(const char* bytes, unsigned length) {
 
 std::uint32_t one_hash(const char*, unsigned) {
     return 7;
+}
+
+// The last places of every table whose capacity is 3 times a power of two.
+std::uint32_t end_hash(const char* bytes, unsigned length) {
+    return 3U * 65536U - 1U - bad_hash(bytes, length);
 }
 
 std::vector<std::string> keys_of(const map_of_int& map) {
@@ -216,6 +222,72 @@ TEST(hashmap, says_so_when_a_tampered_count_left_no_room) {
     EXPECT_EQ(map.get("d"), 0);
 }
 
+// Two maps of the same history, of which one loses keys one by one and the other in one call.
+class hashmap_removals : public testing::TestWithParam<map_of_int::hash_function*> {
+protected:
+    void unset_both(const std::vector<std::string>& names) {
+        std::vector<const std::string*> doomed;
+        for (const std::string& name : names) {
+            one_by_one_.unset(name);
+            doomed.push_back(&name);
+        }
+        together_.unset_all(doomed.data(), static_cast<unsigned>(doomed.size()));
+    }
+
+    void expect_same_tables() const {
+        ASSERT_EQ(keys_of(together_), keys_of(one_by_one_));
+        ASSERT_EQ(together_.count, one_by_one_.count);
+        ASSERT_EQ(together_.capacity, one_by_one_.capacity);
+        ASSERT_EQ(together_.collisions, one_by_one_.collisions);
+        for (unsigned i = 0; i < together_.capacity; ++i) {
+            const map_of_int::slot& a = together_.slots[i];
+            const map_of_int::slot& b = one_by_one_.slots[i];
+            ASSERT_EQ(!a.key, !b.key) << "slot " << i;
+            if (!a.key) continue;
+            ASSERT_EQ(*a.key, *b.key) << "slot " << i;
+            ASSERT_EQ(a.hash, b.hash);
+            ASSERT_EQ(a.value, b.value);
+        }
+    }
+
+    map_of_int one_by_one_{GetParam()};
+    map_of_int together_{GetParam()};
+};
+
+TEST_P(hashmap_removals, together_leave_what_one_by_one_leave) {
+    std::mt19937 random(20250301);
+    for (int round = 0; round < 2000; ++round) {
+        for (auto i = random() % 8; i > 0; --i) {
+            const std::string key = std::to_string(random() % 40);
+            one_by_one_.set(key, round);
+            together_.set(key, round);
+        }
+        // Some are not there, and some named twice.
+        std::vector<std::string> names;
+        for (auto i = random() % 9; i > 0; --i) names.push_back(std::to_string(random() % 40));
+        unset_both(names);
+        ASSERT_NO_FATAL_FAILURE(expect_same_tables()) << "round " << round;
+    }
+}
+
+TEST(hashmap, takes_many_keys_out_in_linear_time) {
+    constexpr int keys = 50000;
+    map_of_int map;
+    std::vector<std::string> names;
+    for (int i = 0; i < keys; ++i) names.push_back("key " + std::to_string(i));
+    for (const std::string& name : names) map.set(name, 1);
+    map.set("stays", 2);
+    std::vector<const std::string*> doomed;
+    for (const std::string& name : names) doomed.push_back(&name);
+    const auto start = std::chrono::steady_clock::now();
+    map.unset_all(doomed.data(), keys);
+    // One by one it is a minute.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    EXPECT_EQ(keys_of(map), std::vector<std::string>{"stays"});
+    EXPECT_EQ(map.get("stays"), 2);
+    EXPECT_EQ(map.capacity, 196608U);
+}
+
 // The map beside a std::map and a list of keys, after every step of a random script.
 class hashmap_script : public testing::TestWithParam<map_of_int::hash_function*> {
 protected:
@@ -268,9 +340,13 @@ TEST_P(hashmap_script, agrees_with_an_ordered_map_at_every_step) {
 
 std::string hash_name(const testing::TestParamInfo<map_of_int::hash_function*>& info) {
     if (info.param == &bad_hash) return "bad_hash";
+    if (info.param == &end_hash) return "end_hash";
     return info.param == &one_hash ? "one_hash" : "orlix_hash";
 }
 
+INSTANTIATE_TEST_SUITE_P(with, hashmap_removals,
+                         testing::Values(&base::orlix_hash, &bad_hash, &end_hash, &one_hash),
+                         hash_name);
 INSTANTIATE_TEST_SUITE_P(with, hashmap_script,
                          testing::Values(&base::orlix_hash, &bad_hash, &one_hash), hash_name);
 

@@ -266,17 +266,41 @@ TEST_F(channels, carry_a_payload_that_is_a_name_of_theirs) {
                                  "c");
 }
 
-// Taking a key out rebuilds its map, so a thousand names show what ten thousand would.
-TEST_F(channels, hold_a_thousand_subscriptions_of_one_connection) {
+TEST_F(channels, hold_ten_thousand_subscriptions_of_one_connection) {
     const auto stays = upgraded_connection();
     auto leaves = upgraded_connection();
-    for (int i = 0; i < 1000; ++i) leaves->subscribe("channel " + std::to_string(i));
+    for (int i = 0; i < 10000; ++i) leaves->subscribe("channel " + std::to_string(i));
     stays->subscribe("channel 77");
-    EXPECT_EQ(http_connection::channels().count, 1000U);
-    EXPECT_EQ(names_of(*leaves)[999], "channel 999");
+    EXPECT_EQ(http_connection::channels().count, 10000U);
+    EXPECT_EQ(names_of(*leaves)[9999], "channel 9999");
     leaves.reset();
     EXPECT_EQ(http_connection::channels().count, 1U);
     EXPECT_EQ(members_of("channel 77"), members{stays.get()});
+}
+
+TEST_F(channels, are_left_in_linear_time) {
+    const auto stays = upgraded_connection();
+    for (int i = 0; i < 30000; ++i) stays->subscribe("other " + std::to_string(i));
+    auto leaves = upgraded_connection();
+    for (int i = 0; i < 40000; ++i) leaves->subscribe("channel " + std::to_string(i));
+    const auto start = std::chrono::steady_clock::now();
+    leaves.reset();
+    // One by one it is a minute.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    EXPECT_EQ(http_connection::channels().count, 30000U);
+}
+
+TEST_F(channels, stand_in_the_order_of_their_first_joining_when_some_have_gone) {
+    const auto stays = upgraded_connection();
+    auto leaves = upgraded_connection();
+    for (const char* name : {"a", "x", "b", "y", "c"}) leaves->subscribe(name);
+    for (const char* name : {"c", "d", "x"}) stays->subscribe(name);
+    leaves.reset();
+    std::vector<std::string> left;
+    for (unsigned i = 0; i < http_connection::channels().count; ++i)
+        left.push_back(*http_connection::channels().keys[i]);
+    EXPECT_EQ(left, (std::vector<std::string>{"x", "c", "d"}));
+    EXPECT_EQ(http_connection::channels().keys[3], nullptr);
 }
 
 TEST_F(channels, hold_ten_thousand_subscriptions_of_a_hundred_connections) {

@@ -1,11 +1,14 @@
 #pragma once
 
+#include "vindra/base/arraylist.h"
 #include "vindra/base/orlix_hash.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <type_traits>
 
@@ -54,6 +57,11 @@ public:
     /// so a removal costs as much as the table is long.
     T unset(const std::string& key);
 
+    /// Takes out the `n` keys that `doomed` points at. Leaves the map as unset() of one after the
+    /// other does, to the last slot, but passes over the list of keys only once. Keys that are not
+    /// there are ignored. None of the strings may be one of this map.
+    void unset_all(const std::string* const* doomed, unsigned n);
+
     /// Table of `capacity` places; null while that is 0.
     slot* slots = nullptr;
 
@@ -83,6 +91,8 @@ private:
     void fill_(slot& place, std::uint32_t h, const std::string& key, T value);
     slot* find_(const std::string& key) const;
     void rebuild_(unsigned slot_count);
+    void put_(const slot& element);
+    void settle_after_(unsigned freed);
     void forget_(const std::string* key);
 };
 
@@ -146,6 +156,28 @@ T hashmap<T>::unset(const std::string& key) {
 }
 
 template <typename T>
+void hashmap<T>::unset_all(const std::string* const* doomed, unsigned n) {
+    arraylist<std::string*> removed;
+    for (unsigned i = 0; i < n; ++i) {
+        slot* place = find_(*doomed[i]);
+        if (!place) continue;
+        removed.add(place->key);
+        place->key = nullptr;
+        settle_after_(static_cast<unsigned>(place - slots));
+    }
+    if (removed.count == 0) return;
+
+    std::string** const end = removed.items + removed.count;
+    std::sort(removed.items, end, std::less<>());
+    const auto is_removed = [&](std::string* key) {
+        return std::binary_search(removed.items, end, key, std::less<>());
+    };
+    count = static_cast<unsigned>(std::remove_if(keys, keys + count, is_removed) - keys);
+    keys[count] = nullptr;
+    std::for_each(removed.items, end, [](const std::string* key) { delete key; });
+}
+
+template <typename T>
 void hashmap<T>::grow_() {
     if (capacity == 0) {
         reserve(3);
@@ -186,12 +218,45 @@ void hashmap<T>::rebuild_(unsigned slot_count) {
     slots = static_cast<slot*>(std::calloc(slot_count, sizeof(slot)));
     capacity = slot_count;
     for (unsigned j = 0; j < old_capacity; ++j) {
-        if (!old[j].key) continue;
-        unsigned i = old[j].hash % capacity;
-        while (slots[i].key) i = (i + 1) % capacity;
-        slots[i] = old[j];
+        if (old[j].key) put_(old[j]);
     }
     std::free(old);
+}
+
+// Stores an element that is in no slot in the first free one of its chain.
+template <typename T>
+void hashmap<T>::put_(const slot& element) {
+    unsigned i = element.hash % capacity;
+    while (slots[i].key) i = (i + 1) % capacity;
+    slots[i] = element;
+}
+
+// Does what a rebuild of the table does once the slot `freed` has lost its key, where it does
+// anything. A rebuild goes through the slots in order. So an element stays if those that it once
+// stepped over come before it again: all do but those behind `freed`, up to the next free slot, and
+// those of the run across the end of the table, whose front now comes before its back.
+template <typename T>
+void hashmap<T>::settle_after_(unsigned freed) {
+    arraylist<slot> lifted;
+    const auto is_in_run = [&](unsigned i) { return i == freed || slots[i].key; };
+    const auto lift = [&](unsigned i) {
+        if (slots[i].key) lifted.add(slots[i]);
+        slots[i].key = nullptr;
+    };
+
+    unsigned front = 0;
+    while (front < capacity && is_in_run(front)) ++front;
+    unsigned back = capacity;
+    while (back > front && is_in_run(back - 1)) --back;
+    const bool crosses = front > 0 && back < capacity;
+    if (crosses) {
+        for (unsigned i = 0; i < front; ++i) lift(i);
+        for (unsigned i = back; i < capacity; ++i) lift(i);
+    }
+    if (!crosses || (front <= freed && freed < back)) {
+        for (unsigned i = freed + 1; i < capacity && slots[i].key; ++i) lift(i);
+    }
+    for (unsigned i = 0; i < lifted.count; ++i) put_(lifted.items[i]);
 }
 
 // Takes the string `key`, told by its address, out of `keys` and deletes it.

@@ -331,7 +331,7 @@ private:
     frame_outcome_ add_to_message_(const std::string& payload, bool final);
     frame_outcome_ end_frames_();
     void leave_channels_();
-    void leave_channel_(const std::string& name);
+    bool leave_channel_(const std::string& name);
 
     stage_ strict_stage_ = stage_::off;
     int largest_body_ = 0;

@@ -219,7 +219,9 @@ bool http_connection::subscribe(const std::string& channel) {
 // By value, since the name may be a key of either map and would die with its entry.
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 void http_connection::unsubscribe(std::string channel) {
-    if (subscriptions.unset(channel) != 0) leave_channel_(channel);
+    if (subscriptions.unset(channel) != 0 && leave_channel_(channel)) {
+        delete channels().unset(channel);
+    }
 }
 
 void http_connection::publish(const std::string& channel, const std::string& payload, int opcode) {
@@ -229,30 +231,33 @@ void http_connection::publish(const std::string& channel, const std::string& pay
     for (unsigned i = 0; i < members->count; ++i) members->items[i]->send_message(payload, opcode);
 }
 
+// The channels left empty go together: one by one, each would cost as much as the map is long.
 void http_connection::leave_channels_() {
     if (channels_gone) return;
-    for (unsigned i = 0; i < subscriptions.count; ++i) leave_channel_(*subscriptions.keys[i]);
+    base::arraylist<const std::string*> empty;
+    for (unsigned i = 0; i < subscriptions.count; ++i) {
+        if (leave_channel_(*subscriptions.keys[i])) empty.add(subscriptions.keys[i]);
+    }
+    for (unsigned i = 0; i < empty.count; ++i) delete channels().get(*empty.items[i]);
+    channels().unset_all(empty.items, empty.count);
 }
 
-void http_connection::leave_channel_(const std::string& name) {
+// True if nobody is left: the channel and its list are then for the caller to remove.
+bool http_connection::leave_channel_(const std::string& name) {
     base::arraylist<http_connection*>* members = channels().get(name);
     if (!members) {
         std::printf("Error! Channel not found: %s\n", name.c_str());
-        return;
+        return false;
     }
 
     http_connection** const end = members->items + members->count;
     http_connection** const place = std::find(members->items, end, this);
     if (place == end) {
         std::printf("Error! Subscription for %d to %s not found!\n", fd, name.c_str());
-        return;
+        return false;
     }
     std::copy(place + 1, end, place);
     --members->count;
     members->items[members->count] = nullptr;
-
-    if (members->count == 0) {
-        channels().unset(name);
-        delete members;
-    }
+    return members->count == 0;
 }
