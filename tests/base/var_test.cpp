@@ -11,6 +11,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 
 namespace {
 
@@ -233,6 +234,48 @@ TEST(var, get_out_of_range_gives_null) {
     for (const int index : {1, -2, lowest, highest}) EXPECT_EQ(object.get(index).kind, 0);
     EXPECT_EQ(var::array().get(0).kind, 0);
     EXPECT_EQ(var::array().get(-1).kind, 0);
+}
+
+TEST(var, counts_and_reaches_more_elements_than_an_int_can_tell) {
+    // Three thousand million places, of which four become memory.
+    constexpr std::size_t length = 3000000000;
+    void* const memory = mmap(nullptr, (length + 1) * sizeof(var*), PROT_READ | PROT_WRITE,
+                              MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (memory == MAP_FAILED) GTEST_SKIP() << "there is no such address space";
+    auto** const places = static_cast<var**>(memory);
+    var named[] = {"first", "from the end", "by the largest int", "last"};
+    constexpr int lowest = std::numeric_limits<int>::min();
+    constexpr int highest = std::numeric_limits<int>::max();
+    places[0] = &named[0];
+    places[length - 2147483648] = &named[1];
+    places[highest] = &named[2];
+    places[length - 1] = &named[3];
+
+    const var array = var::array();
+    auto& elements = *static_cast<base::arraylist<var*>*>(array.value.data->data);
+    elements.items = places;
+    elements.count = static_cast<unsigned>(length);
+    EXPECT_EQ(array.size(), highest);
+    EXPECT_EQ(text_of(array.get(0)), "first");
+    EXPECT_EQ(text_of(array.get(lowest)), "from the end");
+    EXPECT_EQ(text_of(array.get(highest)), "by the largest int");
+    EXPECT_EQ(text_of(array.get(-1)), "last");
+    elements.items = nullptr;
+    elements.count = 0;
+    munmap(memory, (length + 1) * sizeof(var*));
+}
+
+TEST(var, counts_the_holders_of_a_body_whose_kind_is_unknown) {
+    var handle("text");
+    handle.kind = 9;
+    {
+        const var copy(handle);
+        EXPECT_EQ(copy.value.data, handle.value.data);
+        EXPECT_EQ(handle.value.data->refs, 2U);
+    }
+    EXPECT_EQ(handle.value.data->refs, 1U);
+    handle.kind = var::string_kind;
+    EXPECT_EQ(text_of(handle), "text");
 }
 
 TEST(var, get_of_what_has_no_elements_gives_null) {

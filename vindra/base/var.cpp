@@ -3,9 +3,11 @@
 #include "vindra/base/escape.h"
 #include "vindra/base/num.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
+#include <limits>
 #include <utility>
 
 namespace {
@@ -33,6 +35,13 @@ object_type* object_of(const var& handle) {
 
 bool has_body(const var& handle) {
     return handle.kind >= var::string_kind && handle.value.data != nullptr;
+}
+
+std::size_t length_of(const var& handle) {
+    if (const array_type* array = array_of(handle)) return array->count;
+    if (const object_type* object = object_of(handle)) return object->count;
+    if (const std::string* text = string_of(handle)) return text->size();
+    return 0;
 }
 
 void free_payload(const var& handle) {
@@ -241,26 +250,25 @@ void var::unref() {
 }
 
 int var::size() const {
-    if (const array_type* array = array_of(*this)) return static_cast<int>(array->count);
-    if (const object_type* object = object_of(*this)) return static_cast<int>(object->count);
-    if (const std::string* text = string_of(*this)) return static_cast<int>(text->size());
-    return 0;
+    constexpr std::size_t largest = std::numeric_limits<int>::max();
+    return static_cast<int>(std::min(length_of(*this), largest));
 }
 
 var var::get(int index) const {
-    const int length = size();
-    if (index < 0) index += length;
-    if (index < 0 || index >= length) return {};
+    const std::size_t length = length_of(*this);
+    // Wraps around where it counts from before the start, and is then out of range.
+    const std::size_t at = static_cast<std::size_t>(index) + (index < 0 ? length : 0);
+    if (at >= length) return {};
 
     if (const array_type* array = array_of(*this)) {
-        const var* element = array->items[index];
+        const var* element = array->items[at];
         return element ? *element : var();
     }
     if (const object_type* object = object_of(*this)) {
-        const var* element = object->get(*object->keys[index]);
+        const var* element = object->get(*object->keys[at]);
         return element ? *element : var();
     }
-    return std::string(1, (*string_of(*this))[static_cast<std::size_t>(index)]);
+    return std::string(1, (*string_of(*this))[at]);
 }
 
 var var::get(std::string_view key) const {

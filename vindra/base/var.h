@@ -86,11 +86,13 @@ public:
     /// Gives this handle's share up, frees the body with the last one, and makes this null.
     void unref();
 
-    /// Elements of an array, keys of an object, bytes of a string; 0 for everything else.
+    /// Elements of an array, keys of an object, bytes of a string; 0 for everything else. The
+    /// largest int stands for all that are more.
     int size() const;
 
     /// Element of an array, value of an object in order of insertion, or byte of a string as
-    /// a string; a negative index counts from the end. Null when there is no such thing.
+    /// a string; a negative index counts from the end, also of more than size() can tell. Null when
+    /// there is no such thing.
     var get(int index) const;
 
     /// Value that an object holds under `key`, which may hold null; null where there is none and
