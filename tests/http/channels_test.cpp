@@ -102,6 +102,41 @@ TEST_F(channels, are_left_by_a_connection_that_ends) {
     EXPECT_EQ(output.take(), "");
 }
 
+TEST_F(channels, are_left_in_the_order_of_joining) {
+    auto conn = upgraded_connection();
+    for (const char* name : {"first", "second", "third"}) conn->subscriptions.set(name, 1);
+    captured_output output;
+    conn.reset();
+    EXPECT_EQ(output.take(), "Error! Channel not found: first\nError! Channel not found: second\n"
+                             "Error! Channel not found: third\n");
+}
+
+TEST_F(channels, are_left_by_a_member_that_was_turned_away) {
+    auto conn = upgraded_connection();
+    conn->subscribe("c");
+    captured_output output;
+    feed(*conn, std::string("\x81\x00nomask", 8));
+    ASSERT_FALSE(conn->keep_alive);
+    EXPECT_EQ(members_of("c"), members{conn.get()}) << "until it ends";
+    conn.reset();
+    EXPECT_EQ(http_connection::channels().count, 0U);
+}
+
+TEST_F(channels, carry_a_message_in_the_order_of_joining) {
+    const auto first = upgraded_connection();
+    const auto last = upgraded_connection();
+    last->subscribe("other");
+    first->subscribe("c");
+    last->subscribe("c");
+    // Both queues now append behind the same node, so it shows which of them did so last.
+    auto* const shared = first->parts.head;
+    last->parts.tail = shared;
+    http_connection::publish("c", "x", 1);
+    EXPECT_EQ(shared->next, last->parts.tail);
+    shared->next = first->parts.tail;
+    last->parts.head->next = last->parts.tail;
+}
+
 TEST_F(channels, may_be_joined_again) {
     const auto a = upgraded_connection();
     const auto b = upgraded_connection();

@@ -372,3 +372,20 @@ TEST(frame_reader, answers_alike_for_damaged_frames_whole_and_in_pieces) {
         ASSERT_EQ(drain(*whole).bytes(), drain(*pieces).bytes());
     }
 }
+
+TEST(frame_reader, acts_on_the_frames_of_a_block_behind_a_hook_that_clears_keep_alive) {
+    class leaving_connection : public recording_connection {
+    public:
+        void on_upgrade() override {}
+        void on_message() override {
+            keep_alive = false;
+            recording_connection::on_message();
+        }
+    };
+    const auto conn = std::make_unique_for_overwrite<leaving_connection>();
+    conn->upgraded = conn->headers_done = conn->written = true;
+    feed(*conn, short_frame(0x81, "1") + short_frame(0x81, "2"));
+    EXPECT_EQ(conn->messages, (std::vector<std::string>{"1", "2"}));
+    feed(*conn, short_frame(0x81, "3"));
+    EXPECT_EQ(conn->messages.size(), 2U) << "what comes later is not read";
+}

@@ -410,3 +410,75 @@ TEST(request_reader, lets_the_head_hook_stop_keeping_the_connection) {
     EXPECT_FALSE(sent.open);
     EXPECT_THAT(sent.bytes(), StartsWith("HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\n"));
 }
+
+namespace {
+
+// What a hook finds in the counters.
+class counting_connection : public http_connection {
+public:
+    void on_headers() override { seen.push_back("headers " + counters()); }
+    void on_data(char* bytes, int length) override {
+        seen.push_back("data " + counters());
+        http_connection::on_data(bytes, length);
+    }
+    void on_request() override { seen.push_back("request " + counters()); }
+
+    std::vector<std::string> seen;
+
+private:
+    std::string counters() const {
+        return std::to_string(body_received) + " of " + std::to_string(content_length) + ", " +
+               std::to_string(received) + " in all";
+    }
+};
+
+} // namespace
+
+TEST(request_reader, counts_a_body_before_the_hooks_that_see_it) {
+    const auto conn = std::make_unique_for_overwrite<counting_connection>();
+    const std::string head = "POST / HTTP/1.1\r\nContent-Length: 6\r\n\r\n";
+    ASSERT_EQ(head.size(), 38U);
+    feed(*conn, head + "ab");
+    feed(*conn, "cd");
+    feed(*conn, "ef");
+    EXPECT_EQ(conn->seen,
+              (std::vector<std::string>{"headers 2 of 6, 40 in all", "data 2 of 6, 40 in all",
+                                        "data 4 of 6, 42 in all", "data 6 of 6, 44 in all",
+                                        "request 6 of 6, 44 in all"}));
+}
+
+TEST(request_reader, default_answer_counts_the_body_that_came_and_not_the_one_announced) {
+    const auto conn = std::make_unique_for_overwrite<recording_connection>();
+    feed(*conn, "POST / HTTP/1.1\r\nContent-Length: 2\r\n\r\nabc");
+    EXPECT_THAT(drain(*conn).bytes(), EndsWith("\r\n3 bytes of content"));
+}
+
+TEST(request_reader, keeps_what_a_hook_has_set_where_the_head_does_not_say) {
+    // A head before its blank line, with the fields as a class of its own may have set them.
+    const auto conn = std::make_unique_for_overwrite<recording_connection>();
+    conn->method = "M";
+    conn->url = "U";
+    conn->version = "V";
+    conn->query = "Q";
+    feed(*conn, "one-word\r\n\r\n");
+    EXPECT_EQ(conn->method_seen, "M");
+    EXPECT_EQ(conn->url_seen, "U");
+    EXPECT_EQ(conn->version_seen, "one-word");
+    EXPECT_EQ(conn->path_seen, "U");
+    EXPECT_EQ(conn->query_seen, "Q");
+}
+
+TEST(request_reader, reset_leaves_the_channels_and_the_queue_alone) {
+    const auto conn = std::make_unique_for_overwrite<recording_connection>();
+    conn->upgraded = true;
+    conn->subscribe("c");
+    conn->send_message("queued", 1);
+    conn->timeout = 42;
+    conn->reset();
+    EXPECT_EQ(conn->subscriptions.get("c"), 1);
+    ASSERT_NE(http_connection::channels().get("c"), nullptr);
+    EXPECT_EQ(http_connection::channels().get("c")->items[0], conn.get());
+    EXPECT_EQ(conn->parts.count, 1);
+    EXPECT_EQ(conn->timeout, 42);
+    EXPECT_TRUE(conn->upgraded);
+}

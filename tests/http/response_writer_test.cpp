@@ -150,3 +150,11 @@ TEST(response_writer, sends_the_responses_of_successive_requests_in_order) {
     EXPECT_THAT(sent.pieces[2], HasSubstr("GET /3"));
     EXPECT_TRUE(sent.open);
 }
+
+TEST(response_writer, appends_the_extra_headers_where_the_connection_is_not_kept) {
+    const auto conn = std::make_unique<http_connection>();
+    conn->keep_alive = false;
+    conn->extra_headers = "X: 1\r\n";
+    conn->write(head, "b");
+    EXPECT_EQ(drain(*conn).bytes(), head + "X: 1\r\n\r\nb");
+}

@@ -289,6 +289,25 @@ TEST(answer_later, restores_the_time_out_behind_the_last_of_several_results) {
     EXPECT_EQ(conn->timeout, 42);
 }
 
+TEST(answer_later, keeps_the_time_out_off_between_two_whole_answers) {
+    class whole_connection : public http_connection {
+    public:
+        void on_headers() override {}
+        void on_request() override {
+            answer_later(*this, [] { return http_answer{200, "", "x"}; });
+        }
+    };
+    const auto conn = std::make_unique_for_overwrite<whole_connection>();
+    conn->timeout = 42;
+    feed(*conn, "GET /1 HTTP/1.1\r\n\r\n");
+    feed(*conn, "GET /2 HTTP/1.1\r\n\r\n");
+    for (const int expected : {-1, 42}) {
+        await_done(first_result(*conn));
+        send_once(*conn);
+        EXPECT_EQ(conn->timeout, expected);
+    }
+}
+
 TEST(answer_later, leaves_the_restore_timeout_of_an_applications_part_alone) {
     class own_result : public deferred_result {};
     const auto conn = connection_with([] { return var(1); });

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <thread>
 
@@ -16,7 +17,10 @@ namespace {
 
 // What the resolver was asked, and when the hosts file was written.
 int questions = 0;
-long hosts_written = 1;
+struct stat hosts_state {};
+
+// The addresses of the one name that has several.
+const char* const many_addresses[] = {"::1", "127.0.0.3", "127.0.0.4"};
 
 } // namespace
 
@@ -25,15 +29,22 @@ extern "C" int getaddrinfo(const char* host, const char* service, const addrinfo
     static auto* const call =
         reinterpret_cast<decltype(getaddrinfo)*>(dlsym(RTLD_NEXT, "getaddrinfo"));
     ++questions;
-    return call(host, service, hints, result);
+    if (std::strcmp(host, "many.example") != 0) return call(host, service, hints, result);
+
+    // Each answer is an allocation of its own, so they can be linked.
+    addrinfo** end = result;
+    for (const char* address : many_addresses) {
+        if (const int error = call(address, service, hints, end); error != 0) return error;
+        while (*end != nullptr) end = &(*end)->ai_next;
+    }
+    return 0;
 }
 
 extern "C" int stat(const char* path, struct stat* result) noexcept {
     static auto* const call =
         reinterpret_cast<int (*)(const char*, struct stat*)>(dlsym(RTLD_NEXT, "stat"));
     if (std::strcmp(path, "/etc/hosts") != 0) return call(path, result);
-    *result = {};
-    result->st_mtim.tv_nsec = hosts_written;
+    *result = hosts_state;
     return 0;
 }
 
@@ -48,7 +59,11 @@ protected:
 
     // The file is looked at once in a tick of the coarse clock.
     static void change_hosts() {
-        ++hosts_written;
+        ++hosts_state.st_mtim.tv_nsec;
+        let_it_be_looked_at();
+    }
+
+    static void let_it_be_looked_at() {
         std::this_thread::sleep_for(std::chrono::milliseconds(12));
     }
 
@@ -96,6 +111,26 @@ TEST_F(backend_address_test, is_asked_for_anew_when_the_hosts_file_has_changed) 
     change_hosts();
     EXPECT_EQ(cost("127.0.0.1", 8080), 1);
     EXPECT_EQ(cost("127.0.0.1", 8080), 0);
+}
+
+TEST_F(backend_address_test, is_asked_for_anew_when_anything_of_the_hosts_file_has_changed) {
+    const std::function<void()> changes[] = {
+        [] { ++hosts_state.st_dev; },          [] { ++hosts_state.st_ino; },
+        [] { ++hosts_state.st_size; },         [] { ++hosts_state.st_mtim.tv_sec; },
+        [] { ++hosts_state.st_mtim.tv_nsec; }, [] { ++hosts_state.st_ctim.tv_sec; },
+        [] { ++hosts_state.st_ctim.tv_nsec; },
+    };
+    for (const auto& change : changes) {
+        cost("127.0.0.1", 8080);
+        change();
+        let_it_be_looked_at();
+        EXPECT_EQ(cost("127.0.0.1", 8080), 1);
+    }
+}
+
+TEST_F(backend_address_test, is_the_first_one_that_is_not_ipv6) {
+    EXPECT_EQ(cost("many.example", 8080), 1);
+    EXPECT_EQ(text(), "127.0.0.3:8080");
 }
 
 TEST_F(backend_address_test, is_asked_for_anew_after_a_second) {

@@ -252,6 +252,16 @@ TEST_F(http_proxy_test, a_target_of_no_name_at_port_zero_waits_for_a_backend) {
     EXPECT_EQ(front_.newest().timeout, 10);
 }
 
+TEST_F(http_proxy_test, a_connect_that_fails_on_the_spot_shows_as_an_end) {
+    // TCP goes to no broadcast address, and says so before anything is sent.
+    const std::unique_ptr<direct> conn(new direct);
+    ASSERT_TRUE(conn->use_backend("255.255.255.255", 80));
+    EXPECT_EQ(front_.get().connections.count, 1);
+    for (int i = 0; i < 3; ++i) front_.turn();
+    EXPECT_EQ(front_.get().connections.count, 0);
+    EXPECT_FALSE(conn->attached());
+}
+
 TEST_F(http_proxy_test, nothing_is_blocked_unless_an_application_says_so) {
     class open_proxy : public http_proxy {
     public:
