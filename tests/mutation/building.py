@@ -119,10 +119,10 @@ class Compiler:
     def is_as_built(self, wanted, out):
         """Whether an object is the same as the one of the build, but for what is for debuggers."""
         if wanted not in self.texts:
-            plain = HOME / f"{wanted.replace('/', '_')}.plain"
+            # Beside the outcome: another worker may be about to do the same.
+            plain = out.with_suffix(".plain")
             subprocess.run(["objcopy", "--strip-debug", OBJECTS / wanted, plain], check=True)
             self.texts[wanted] = plain.read_bytes()
-            plain.unlink()
         return self.texts[wanted] == out.read_bytes()
 
     def link_command(self, program):
