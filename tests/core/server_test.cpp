@@ -319,6 +319,18 @@ TEST_F(server_test, a_read_that_is_interrupted_is_made_again) {
     EXPECT_EQ(conn.received, "kept");
 }
 
+TEST_F(server_test, a_write_that_is_interrupted_is_made_again) {
+    far_end far;
+    join(far).output = "kept";
+    turn();
+    sockets::select_all();
+    interposed::send_error_once = EINTR;
+    server_.update();
+    EXPECT_EQ(far.receive(), "");
+    turn();
+    EXPECT_EQ(far.receive(), "kept");
+}
+
 TEST_F(server_test, urgent_data_ends_the_connection_with_a_line) {
     start();
     const far_end client = far_end::connect_to(port_.number());

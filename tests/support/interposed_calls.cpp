@@ -18,6 +18,7 @@ int recv_error_once = 0;
 int recv_calls = 0;
 int poll_calls = 0;
 int send_limit = 0;
+int send_error_once = 0;
 
 } // namespace interposed
 
@@ -64,6 +65,7 @@ extern "C" ssize_t recv(int fd, void* buffer, size_t length, int flags) {
 
 extern "C" ssize_t send(int fd, const void* buffer, size_t length, int flags) {
     static auto* const call = real<decltype(send)>("send");
+    if (fails_with(std::exchange(interposed::send_error_once, 0))) return -1;
     if (interposed::send_limit > 0) {
         length = std::min(length, static_cast<size_t>(interposed::send_limit));
     }

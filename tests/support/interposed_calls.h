@@ -26,4 +26,7 @@ extern int poll_calls;
 /// Most bytes that one send() may take; 0 for no limit.
 extern int send_limit;
 
+/// errno that the next send() on any descriptor fails with, once; 0 lets it through.
+extern int send_error_once;
+
 } // namespace interposed
