@@ -188,8 +188,7 @@ int main(int, char** argv) {
 """
 
 
-def test_a_program_s_own_class_does_not_take_the_place_of_the_shared_library_s(libraries, tmp_path,
-                                                                              port):
+def test_a_class_of_the_program_s_own_takes_no_place_in_the_shared_library(libraries, tmp_path, port):
     sources = [tmp_path / "name.cpp", tmp_path / "relay.cpp"]
     for source, text in zip(sources, [SAME_NAME, RELAY]):
         source.write_text(text)

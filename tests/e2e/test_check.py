@@ -365,7 +365,7 @@ def test_one_user_cannot_tell_what_another_can_read(folder):
         done.stdout.splitlines())
 
 
-@pytest.mark.parametrize("place", ["/home/x", "/root", "/tmp", "/var/tmp", "/run/user/0"])
+@pytest.mark.parametrize("place", ["/home", "/root", "/tmp", "/var/tmp", "/run/user/0"])
 def test_folders_that_the_unit_hides_are_named(keep, tmp_path, place):
     settings, port = tmp_path / "vindra", keep(HeldPort()).port
     settings.write_text(f'VINDRA_ARGS="0 -ssl {port} {place}/k {place}/c -map a:{port} -1"\n')
