@@ -4,6 +4,7 @@
 #include "vindra/core/sockets.h"
 
 #include <algorithm>
+#include <cassert>
 
 connection::connection() : last_active(std::time(nullptr)) {}
 
@@ -38,6 +39,7 @@ void connection::note_buffer_use_() {
     const std::int64_t end = std::int64_t{send_offset} + send_length;
     const auto within = std::clamp<std::int64_t>(end, 0, send_buffer_size);
     send_buffer_used_ = std::max(send_buffer_used_, static_cast<int>(within));
+    assert(send_buffer_used_ >= 0 && send_buffer_used_ <= send_buffer_size);
 }
 
 void connection::trim_send_buffer_() {

@@ -87,6 +87,7 @@ public:
     char* take() {
         char* slot = free_.empty() ? cut() : free_.back();
         if (!free_.empty()) free_.pop_back();
+        assert(reinterpret_cast<std::uintptr_t>(slot) % cache_line == 0);
         mark(slot, true);
         return slot;
     }

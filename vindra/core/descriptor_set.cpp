@@ -3,6 +3,7 @@
 #include "vindra/core/registry.h"
 
 #include <algorithm>
+#include <cassert>
 
 namespace sockets {
 
@@ -26,6 +27,7 @@ bool descriptor_set::insert(int fd) {
     }
     words_[word] |= std::uint64_t{1} << (fd % 64);
     occupied_[word / 64] |= std::uint64_t{1} << (word % 64);
+    assert(test(fd));
     return true;
 }
 
@@ -33,6 +35,7 @@ bool descriptor_set::erase(int fd) {
     if (!test(fd)) return false;
     const std::size_t word = static_cast<std::size_t>(fd) / 64;
     words_[word] &= ~(std::uint64_t{1} << (fd % 64));
+    assert((word_of(occupied_, word / 64) >> (word % 64) & 1) != 0);
     if (words_[word] == 0) occupied_[word / 64] &= ~(std::uint64_t{1} << (word % 64));
     return true;
 }

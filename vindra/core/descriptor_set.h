@@ -57,6 +57,14 @@ private:
         }
     }
 
+    /// True when none of the sets has a member.
+    template <typename... Sets>
+    static bool is_empty(const Sets&... sets) {
+        bool empty = true;
+        for_each([&empty](int /*fd*/) { empty = false; }, sets...);
+        return empty;
+    }
+
     template <typename Visit>
     static void for_each_bit(std::size_t word, std::uint64_t bits_of_it, Visit visit) {
         for (; bits_of_it != 0; bits_of_it &= bits_of_it - 1)

@@ -51,6 +51,7 @@ registry::watch& registry::at(int fd) {
 }
 
 void registry::on_set(int fd) {
+    assert(all.test(fd));
     readable.erase(fd);
     writable.erase(fd);
     errors.erase(fd);
@@ -64,6 +65,7 @@ void registry::on_set(int fd) {
 }
 
 void registry::on_clear(int fd) {
+    assert(!all.test(fd));
     watch& w = at(fd);
     w.may_read = w.may_be_urgent = w.full = false;
     if (!w.changed) changed_.push_back(fd);
@@ -77,6 +79,7 @@ void registry::forget(int fd) {
     errors.erase(fd);
     if (!all.erase(fd)) return;
 
+    assert(!ready.test(fd) && !readable.test(fd) && !writable.test(fd) && !errors.test(fd));
     // The kernel drops a closed descriptor by itself, so there is no change to tell it of.
     watch& w = at(fd);
     w.watched = w.may_read = w.may_be_urgent = w.full = w.tcp = false;
@@ -152,6 +155,7 @@ void registry::clear_results() {
     writable.erase_all();
     errors.erase_all();
     num_ready = 0;
+    assert(descriptor_set::is_empty(readable, writable, errors));
 }
 
 // The kernel's news may be of nothing that was asked for: that a new socket can be written to, or
@@ -188,6 +192,7 @@ bool registry::apply_changes() {
     while (!changed_.empty()) {
         const int fd = changed_.back();
         watch& w = at(fd);
+        assert(w.changed);
         if (!tell_kernel(fd, w)) return false;
         w.changed = false;
         changed_.pop_back();
@@ -233,6 +238,7 @@ void registry::gather_questions() {
     std::size_t kept = 0;
     for (const int fd : unsettled_) {
         watch& w = at(fd);
+        assert(w.listed);
         w.listed = all.test(fd) && (w.may_read || w.may_be_urgent);
         if (!w.listed) continue;
         unsettled_[kept++] = fd;
@@ -302,6 +308,7 @@ void registry::on_answer(int fd, short asked, short answer) {
     if ((asked & (POLLIN | POLLPRI)) == 0) return;
 
     watch& w = at(fd);
+    assert(w.listed);
     if (w.may_read) {
         w.may_read = (events & read_events) != 0;
         if (w.may_read) report(readable, fd);

@@ -81,6 +81,7 @@ void roster::enrol_new() {
 }
 
 void roster::enrol(connection& conn, list::node* before) {
+    assert(before->next->value == &conn);
     last_ = before->next;
     conn.roster_entry_ = {enrolment_, before, ++last_place_, conn.fd, true, false};
     awake_.push_back({last_place_, &conn});
@@ -111,6 +112,7 @@ void roster::rouse(connection& conn) {
     entry& e = conn.roster_entry_;
     if (e.awake) return;
     e.awake = true;
+    assert(resting_ > 0);
     --resting_;
     if (passing_) return insert(conn);
     awake_.push_back({e.place, &conn});
@@ -142,6 +144,7 @@ void roster::begin_pass() {
     if (!std::is_sorted(awake_.begin(), awake_.end(), by_place))
         std::sort(awake_.begin(), awake_.end(), by_place);
     untidy_ = false;
+    assert(awake_.size() + resting_ <= static_cast<std::size_t>(list_.count));
 }
 
 connection* roster::next() {
@@ -172,8 +175,9 @@ void roster::end_pass() {
 }
 
 void roster::rest() {
+    assert(passing_ && cursor_ > 0);
     line& l = awake_[cursor_ - 1];
-    assert(l.conn->roster_entry_.awake);
+    assert(l.conn->roster_entry_.awake && is_enrolled(*l.conn));
     l.conn->roster_entry_.awake = false;
     l.conn = nullptr;
     untidy_ = true;
@@ -181,6 +185,7 @@ void roster::rest() {
 }
 
 void roster::strike() {
+    assert(passing_ && cursor_ > 0 && in_use());
     line& l = awake_[cursor_ - 1];
     entry& e = l.conn->roster_entry_;
     list::node* const own = e.before->next;

@@ -305,6 +305,7 @@ void server_base::leave_alone_(connection& conn, std::time_t now) {
 void server_base::remove_visited_() {
     // A hook may have moved the cursor, and taken out others.
     if (!roster_.in_use()) rebuild_behind_visited_();
+    assert(visited_ != nullptr);
     connection* const conn = std::exchange(visited_, nullptr);
     connections.prev = conn->roster_entry_.before;
     roster_.strike();
