@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cassert>
 #include <cstdlib>
 #include <type_traits>
 
@@ -46,6 +47,7 @@ void arraylist<T>::add(T item) {
     } else if (count >= capacity && capacity < doubled) {
         resize_(doubled);
     }
+    assert(count < capacity);
     items[count] = item;
     ++count;
     items[count] = T{};

@@ -1,6 +1,7 @@
 #include "vindra/base/byte_queue.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstdint>
 #include <cstring>
 #include <new>
@@ -45,6 +46,7 @@ public:
     char* take() {
         if (free_.empty()) add_region();
         char* place = free_.back();
+        assert(reinterpret_cast<std::uintptr_t>(place) % place_bytes == 0);
         free_.pop_back();
         cold_ = std::min(cold_, free_.size());
         peak_ = std::max(peak_, ++in_use_);
@@ -52,6 +54,7 @@ public:
     }
 
     void give_back(char* place) {
+        assert(in_use_ > 0 && reinterpret_cast<std::uintptr_t>(place) % place_bytes == 0);
         free_.push_back(place);
         --in_use_;
     }
@@ -64,6 +67,7 @@ public:
             madvise(free_[cold_], place_bytes, MADV_DONTNEED);
         }
         peak_ = in_use_;
+        assert(cold_ <= free_.size());
     }
 
 private:
@@ -117,9 +121,11 @@ void byte_queue::append(const char* bytes, std::size_t length) {
         const std::size_t count = std::min<std::size_t>(length, last_->capacity - last_->end);
         std::memcpy(last_->bytes() + last_->end, bytes, count);
         last_->end += static_cast<std::uint32_t>(count);
+        assert(last_->end <= last_->capacity);
         bytes += count;
         length -= count;
     }
+    assert((size_ == 0) == (first_ == nullptr));
     if (arrival) announce();
 }
 
@@ -136,6 +142,7 @@ void byte_queue::assign(std::string_view text) {
 void byte_queue::clear() {
     while (first_ != nullptr) drop_first_();
     size_ = 0;
+    assert(last_ == nullptr);
 }
 
 std::size_t byte_queue::take(char* out, std::size_t capacity) {
@@ -148,7 +155,9 @@ std::size_t byte_queue::take(char* out, std::size_t capacity) {
         taken += count;
         if (first_->begin == first_->end) drop_first_();
     }
+    assert(taken <= size_);
     size_ -= taken;
+    assert((size_ == 0) == (first_ == nullptr));
     return taken;
 }
 
@@ -164,6 +173,7 @@ bool byte_queue::equals_(std::string_view text) const {
     if (text.size() != size_) return false;
     for (const block* b = first_; b != nullptr; b = b->next) {
         const std::size_t count = b->end - b->begin;
+        assert(b->begin < b->end && b->end <= b->capacity);
         if (std::memcmp(b->bytes() + b->begin, text.data(), count) != 0) return false;
         text.remove_prefix(count);
     }
@@ -181,6 +191,7 @@ void byte_queue::add_block_() {
 }
 
 void byte_queue::drop_first_() {
+    assert(first_ != nullptr && last_ != nullptr);
     block* const dropped = first_;
     first_ = dropped->next;
     if (first_ == nullptr) last_ = nullptr;

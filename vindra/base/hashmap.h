@@ -4,6 +4,7 @@
 #include "vindra/base/orlix_hash.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -106,6 +107,7 @@ hashmap<T>::~hashmap() {
 template <typename T>
 void hashmap<T>::reserve(unsigned n) {
     if (n <= capacity) return;
+    assert(n > count);
     rebuild_(n);
     keys = static_cast<std::string**>(std::realloc(keys, n * sizeof(std::string*)));
     if (count == 0) keys[0] = nullptr;
@@ -174,6 +176,7 @@ void hashmap<T>::unset_all(const std::string* const* doomed, unsigned n) {
     };
     count = static_cast<unsigned>(std::remove_if(keys, keys + count, is_removed) - keys);
     keys[count] = nullptr;
+    assert(count < capacity);
     std::for_each(removed.items, end, [](const std::string* key) { delete key; });
 }
 
@@ -188,6 +191,7 @@ void hashmap<T>::grow_() {
 
 template <typename T>
 void hashmap<T>::fill_(slot& place, std::uint32_t h, const std::string& key, T value) {
+    assert(count + 1 < capacity);
     place = {h, new std::string(key), value};
     keys[count] = place.key;
     ++count;
@@ -228,6 +232,7 @@ template <typename T>
 void hashmap<T>::put_(const slot& element) {
     unsigned i = element.hash % capacity;
     while (slots[i].key) i = (i + 1) % capacity;
+    assert(element.key != nullptr);
     slots[i] = element;
 }
 
@@ -264,6 +269,7 @@ template <typename T>
 void hashmap<T>::forget_(const std::string* key) {
     unsigned i = 0;
     while (keys[i] != key) ++i;
+    assert(i < count);
     delete keys[i];
     for (; i + 1 < count; ++i) keys[i] = keys[i + 1];
     --count;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cassert>
 #include <cstdint>
 #include <type_traits>
 
@@ -118,6 +119,7 @@ void linkedlist<T>::remove() {
 template <typename T>
 T linkedlist<T>::unlink_(node* before) {
     node* victim = before->next;
+    assert(victim != nullptr);
     if (tail == victim) tail = before;
     before->next = victim->next;
     const T value = victim->value;

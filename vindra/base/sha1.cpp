@@ -2,6 +2,7 @@
 
 #include <array>
 #include <bit>
+#include <cassert>
 #include <cstdint>
 
 namespace base {
@@ -28,6 +29,7 @@ std::string padded(const std::string& data) {
     while (message.size() % block_size != block_size - 8) message += '\0';
     append_big_endian(message, 0);
     append_big_endian(message, static_cast<std::uint32_t>(data.size() * 8));
+    assert(message.size() % block_size == 0);
     return message;
 }
 
@@ -76,6 +78,7 @@ std::string sha1(const std::string& data) {
 
     std::string digest;
     for (const std::uint32_t word : state) append_big_endian(digest, word);
+    assert(digest.size() == 20);
     return digest;
 }
 

@@ -4,6 +4,7 @@
 #include "vindra/base/num.h"
 
 #include <algorithm>
+#include <cassert>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
@@ -75,6 +76,7 @@ bool is_inside(const stack_type& stack, const var::var_data* body) {
 }
 
 void pop(stack_type& stack) {
+    assert(stack.count > 0);
     --stack.count;
     stack.items[stack.count] = nullptr;
 }
@@ -238,6 +240,7 @@ void var::ref(const var& other) {
     value = other.value;
     if (kind == null_kind) value.data = nullptr;
     if (has_body(*this)) ++value.data->refs;
+    assert(!has_body(*this) || value.data->refs > 0);
 }
 
 void var::unref() {

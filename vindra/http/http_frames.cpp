@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -125,6 +126,7 @@ http_connection::frame_outcome_ http_connection::take_frame_(std::size_t& at) {
 
     const std::string payload = unmask(data, *frame);
     at = frame->payload + payload.size();
+    assert(at <= data.size());
     return act_on_frame_(static_cast<int>(first & 15U), (first & final_bit) != 0, payload);
 }
 
@@ -227,6 +229,7 @@ void http_connection::unsubscribe(std::string channel) {
 void http_connection::publish(const std::string& channel, const std::string& payload, int opcode) {
     const base::arraylist<http_connection*>* members = channels().get(channel);
     if (!members) return;
+    assert(members->count > 0);
     // send_message() only queues, so nobody joins or leaves before the loop ends.
     for (unsigned i = 0; i < members->count; ++i) members->items[i]->send_message(payload, opcode);
 }
@@ -257,6 +260,7 @@ bool http_connection::leave_channel_(const std::string& name) {
         return false;
     }
     std::copy(place + 1, end, place);
+    assert(members->count > 0);
     --members->count;
     members->items[members->count] = nullptr;
     return members->count == 0;

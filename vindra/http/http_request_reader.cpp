@@ -6,6 +6,7 @@
 #include "vindra/base/sha1.h"
 #include "vindra/http/http_connection.h"
 
+#include <cassert>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -57,6 +58,7 @@ void http_connection::on_recv(char* bytes, int length) {
         on_data(bytes, length);
     } else if (const int taken = take_head_(bytes, length); headers_done) {
         const int rest = length - taken;
+        assert(rest >= 0 && taken > 0);
         read_head_();
         body_received = rest;
         if (asks_for_upgrade_()) {
@@ -96,6 +98,8 @@ int http_connection::take_head_(const char* bytes, int length) {
 
     headers.resize(end + line_end.size());
     headers_done = true;
+    assert(headers.ends_with(line_end));
+    assert(end + blank_line.size() > before);
     return static_cast<int>(end + blank_line.size() - before);
 }
 

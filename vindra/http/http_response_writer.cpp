@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -71,6 +72,7 @@ void http_connection::queue_answer_(std::string text) {
             queue_text_(text.substr(at, piece_size));
         }
     }
+    assert(parts.count > 0);
     written = true;
 }
 
@@ -123,6 +125,7 @@ void http_connection::send_file_(response_part& part, char* buffer, int capacity
     }
 
     const std::size_t got = std::fread(buffer, 1, static_cast<std::size_t>(wanted), part.file);
+    assert(got <= static_cast<std::size_t>(capacity));
     *length = static_cast<int>(got);
     if (got < static_cast<std::size_t>(wanted)) drop_first_part_();
 }
@@ -156,6 +159,7 @@ void http_connection::send_text_(response_part& part, char* buffer, int capacity
     const std::string_view rest =
         std::string_view(part.text).substr(std::min(part.text_taken_, part.text.size()));
     const std::size_t count = rest.copy(buffer, space);
+    assert(count <= space);
     *length = static_cast<int>(count);
     part.text_taken_ += count;
     if (count == rest.size()) drop_first_part_();
@@ -169,6 +173,7 @@ void http_connection::queue_text_(std::string text) {
 }
 
 void http_connection::drop_first_part_() {
+    assert(parts.count > 0);
     delete parts.pop();
 }
 

@@ -5,6 +5,7 @@
 #include "vindra/http/late_answer.h"
 
 #include <atomic>
+#include <cassert>
 #include <cstdio>
 #include <mutex>
 #include <system_error>
@@ -56,6 +57,7 @@ void worker_result::run_(std::function<var()> compute, const std::shared_ptr<lin
 bool worker_result::hand_over_(var& computed, link_& link) {
     const std::lock_guard<std::mutex> lock(link.mutex);
     if (link.result == nullptr) return false;
+    assert(!link.result->done.load(std::memory_order_relaxed));
     link.result->output = computed;
     computed.unref();
     link.result->done.store(true, std::memory_order_release);
