@@ -203,6 +203,31 @@ public:
     bool could_read = true;
 };
 
+TEST_F(ssl_server_test, has_what_it_needs_to_keep_numbers_before_descriptors_are_short) {
+    const captured_output out;
+    opening_server server(port_.number(), true, "the.key", crt());
+    server.last_report = std::time(nullptr);
+    ASSERT_TRUE(server.start());
+    const auto descriptors = [] {
+        std::size_t count = 0;
+        for ([[maybe_unused]] const auto& entry :
+             std::filesystem::directory_iterator("/proc/self/fd"))
+            ++count;
+        return count;
+    };
+    sockets::select_all();
+    server.update();
+    const std::size_t before = descriptors();
+    far_end client = far_end::connect_to(port_.number());
+    sockets::select_all();
+    server.update();
+    ASSERT_EQ(server.connections.count, 1);
+    EXPECT_EQ(descriptors(), before + 2) << "both ends of the client's connection";
+    server.stop();
+    client.close();
+    EXPECT_EQ(descriptors(), before - 1) << "without the listener";
+}
+
 TEST_F(ssl_server_test, keeps_the_number_of_a_socket_from_others_until_its_session_is_released) {
     const captured_output out;
     opening_server server(port_.number(), true, "the.key", crt());

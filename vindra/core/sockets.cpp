@@ -58,6 +58,9 @@ void drained(int fd) {
 void hurry() {
     registry::instance().hurry();
 }
+void prepare_to_keep() {
+    registry::instance().prepare_to_keep();
+}
 void filled(int fd) {
     registry::instance().filled(fd);
 }

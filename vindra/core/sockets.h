@@ -58,6 +58,11 @@ VINDRA_API void hurry();
 /// -1 is harmless. Closing it in another way leaves its number in the sets: the caller's mistake.
 VINDRA_API void close(int fd);
 
+/// Opens, once, the descriptor that stands in for closed sockets whose number has to stay taken;
+/// see server_base::end_connection(). For the constructor of a server whose hooks set `ssl`: later
+/// there may be no descriptor left.
+VINDRA_API void prepare_to_keep();
+
 /// A descriptor to wake the wait by: an eventfd in all(), made at the first call and kept to the
 /// end of the process. -1 where there is none to be had.
 ///

@@ -97,6 +97,7 @@ ssl_server<T>::ssl_server(int listen_port, bool only_localhost, const std::strin
     openssl::OPENSSL_init_ssl(0, nullptr);
     ctx = openssl::SSL_CTX_new(openssl::TLS_server_method());
     if (ctx == nullptr) return;
+    sockets::prepare_to_keep();
     openssl::SSL_CTX_use_PrivateKey_file(ctx, key.c_str(), openssl::filetype_pem);
     load_certificate_maybe();
     openssl::SSL_CTX_ctrl(ctx, openssl::ctrl_mode, openssl::mode_enable_partial_write, nullptr);
