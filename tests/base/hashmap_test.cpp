@@ -274,10 +274,12 @@ TEST(hashmap, takes_many_keys_out_in_linear_time) {
     constexpr int keys = 50000;
     map_of_int map;
     std::vector<std::string> names;
+    names.reserve(keys);
     for (int i = 0; i < keys; ++i) names.push_back("key " + std::to_string(i));
     for (const std::string& name : names) map.set(name, 1);
     map.set("stays", 2);
     std::vector<const std::string*> doomed;
+    doomed.reserve(keys);
     for (const std::string& name : names) doomed.push_back(&name);
     const auto start = std::chrono::steady_clock::now();
     map.unset_all(doomed.data(), keys);

@@ -239,7 +239,9 @@ TEST(var, get_out_of_range_gives_null) {
 TEST(var, counts_and_reaches_more_elements_than_an_int_can_tell) {
     // Three thousand million places, of which four become memory.
     constexpr std::size_t length = 3000000000;
-    void* const memory = mmap(nullptr, (length + 1) * sizeof(var*), PROT_READ | PROT_WRITE,
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): the elements are the pointers.
+    constexpr std::size_t bytes = (length + 1) * sizeof(var*);
+    void* const memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE,
                               MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (memory == MAP_FAILED) GTEST_SKIP() << "there is no such address space";
     auto** const places = static_cast<var**>(memory);
@@ -262,7 +264,7 @@ TEST(var, counts_and_reaches_more_elements_than_an_int_can_tell) {
     EXPECT_EQ(text_of(array.get(-1)), "last");
     elements.items = nullptr;
     elements.count = 0;
-    munmap(memory, (length + 1) * sizeof(var*));
+    munmap(memory, bytes);
 }
 
 TEST(var, counts_the_holders_of_a_body_whose_kind_is_unknown) {

@@ -150,7 +150,7 @@ void fill_and_drain_queue(std::size_t bytes) {
 }
 
 TEST_F(buffer_test, pages_of_queues_are_given_back_once_a_second_and_not_by_each_server) {
-    constexpr std::size_t bytes = 64 * 1048576;
+    constexpr std::size_t bytes = std::size_t{64} * 1048576;
     long kept = 0;
     std::time_t now = 0;
     do {

@@ -33,7 +33,8 @@ TEST(sha1, writes_the_length_in_bits_as_32_bits) {
 
 TEST(var, tells_the_largest_int_for_a_string_of_two_gibibytes_and_reaches_all_of_it) {
     constexpr int largest = std::numeric_limits<int>::max();
-    std::string bytes(2147483648, '-');
+    std::string bytes;
+    bytes.resize(2147483648, '-');
     bytes.front() = 'a';
     bytes.back() = 'z';
     const var text(bytes);
