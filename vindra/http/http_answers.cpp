@@ -1,7 +1,6 @@
-// Whole answers, and the look-up of one header.
+// Whole answers.
 
 #include "vindra/http/http_connection.h"
-#include "vindra/http/request_head.h"
 
 #include <algorithm>
 #include <string>
@@ -102,11 +101,6 @@ std::string http_connection::answer_text_(int status, std::string_view content_t
     text += "\r\n";
     if (!head_alone && !has_no_body(status)) text += body;
     return text;
-}
-
-std::optional<std::string> http_connection::header(std::string_view name) const {
-    const auto value = request_head::find(name, headers);
-    return value ? std::optional<std::string>(*value) : std::nullopt;
 }
 
 // What the answer to the current request says besides.

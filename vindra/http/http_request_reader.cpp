@@ -1,7 +1,6 @@
 // Reading requests: from blocks of bytes to the calls of the hooks.
 
 #include "vindra/base/base64.h"
-#include "vindra/base/find.h"
 #include "vindra/base/num.h"
 #include "vindra/base/sha1.h"
 #include "vindra/http/http_connection.h"
@@ -42,10 +41,6 @@ std::ptrdiff_t find_behind(std::string_view text, std::string_view wanted, std::
 }
 
 } // namespace
-
-http_connection::http_connection() {
-    may_rest_as(typeid(http_connection));
-}
 
 // head -> body -> complete -> head again (kept) or ended by the server (not kept)
 void http_connection::on_recv(char* bytes, int length) {
@@ -204,24 +199,6 @@ void http_connection::on_request() {
     const std::string size = base::num(static_cast<double>(data.size()));
     write("HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n",
           headers + "\r\n" + size + " bytes of content");
-}
-
-std::string http_connection::get_header(const std::string& name, const std::string& block) {
-    std::string line_start(line_end);
-    line_start += name;
-    return std::string(find_header_(line_start, block));
-}
-
-// Value of the first line that begins with `line_start`, which is a line end and a name. The
-// name is taken to be followed by a colon and a blank, whatever stands there.
-std::string_view http_connection::find_header_(std::string_view line_start,
-                                               std::string_view block) {
-    const std::ptrdiff_t found = base::find(block, line_start);
-    if (found < 0) return {};
-    const std::size_t from = static_cast<std::size_t>(found) + line_start.size() + 2;
-    if (from > block.size()) return {};
-    const std::string_view tail = block.substr(from);
-    return tail.substr(0, tail.find(line_end));
 }
 
 // Empties a string and gives large storage back: connections that wait for their next request

@@ -1,6 +1,5 @@
 // Writing responses: from whole answers to pieces that fit the send buffer.
 
-#include "vindra/core/ipv4_text.h"
 #include "vindra/core/sockets.h"
 #include "vindra/http/deferred_result.h"
 #include "vindra/http/http_connection.h"
@@ -16,7 +15,6 @@
 #include <memory>
 #include <utility>
 
-#include <netinet/in.h>
 #include <sys/types.h>
 
 namespace {
@@ -39,11 +37,6 @@ std::string only_chunk(const std::string& content) {
 }
 
 } // namespace
-
-http_connection::response_part::~response_part() {
-    if (file) std::fclose(file);
-    delete result;
-}
 
 void http_connection::write(std::string head, const std::string& body) {
     if (is_answered_()) return;
@@ -175,35 +168,4 @@ void http_connection::queue_text_(std::string text) {
 void http_connection::drop_first_part_() {
     assert(parts.count > 0);
     delete parts.pop();
-}
-
-std::string http_connection::info(bool with_agent) const {
-    std::string line = peer_name_();
-    line.reserve(line.size() + method.size() + url.size() + version.size() + 160);
-    line += ':';
-    line += std::to_string(port);
-    for (const std::string* word : {&method, &url, &version}) {
-        line += ' ';
-        line += *word;
-    }
-    if (with_agent) {
-        line += " [";
-        line += find_header_("\r\nuser-agent", headers);
-        line += ']';
-    }
-    return line;
-}
-
-// The peer's address, or what a front end on this machine says of the peer behind it.
-std::string http_connection::peer_name_() const {
-    if (address == htonl(INADDR_LOOPBACK)) {
-        const std::string_view forwarded = find_header_("\r\nx-forwarded-for", headers);
-        if (!forwarded.empty()) return std::string(forwarded);
-    }
-    return ipv4_text(address);
-}
-
-http_connection::~http_connection() {
-    while (parts.count > 0) drop_first_part_();
-    if (upgraded) leave_channels_();
 }
