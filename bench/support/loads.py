@@ -18,7 +18,7 @@ import time
 import zlib
 
 from support.failure import Failure
-from support.processes import peak_resident_bytes, processor_seconds, resident_bytes, running
+from support.processes import Span, peak_resident_bytes, processor_seconds, resident_bytes, running
 from support.servers import LOAD_CORE
 
 KIB, MIB, GIB = 1 << 10, 1 << 20, 1 << 30
@@ -141,9 +141,9 @@ class Loads:
         command += ["-H", "connection: close"] if close else []
         command.append(f"{'https' if tls else 'http'}://127.0.0.1:{server.port}/{path}")
 
-        before = processor_seconds(server.pid)
+        span = Span(server.pid)
         output = self._wrk_output(command)
-        spent = processor_seconds(server.pid) - before
+        spent = span.end()
 
         if trouble := re.search(r"Socket errors.*|Non-2xx.*", output):
             raise Failure(f"{server.name}: {trouble.group()}")
@@ -156,6 +156,7 @@ class Loads:
             "requests_per_second": float(re.search(r"Requests/sec:\s*([\d.]+)", output).group(1)),
             "p99_ms": float(number) * WRK_UNITS[unit],
             "requests": count,
+            **span.waited(),
             **memory(server),
         }
 
@@ -203,14 +204,15 @@ class Loads:
 
     def _transfers(self, server, once):
         carried = 0
-        before, start = processor_seconds(server.pid), time.monotonic()
-        while not carried or time.monotonic() - start < self.seconds:
+        span = Span(server.pid)
+        while not carried or time.monotonic() - span.start < self.seconds:
             carried += once()
-        taken, spent = time.monotonic() - start, processor_seconds(server.pid) - before
+        spent = span.end()
         return {
             "ms_per_gib": spent * 1e3 / (carried / GIB),
-            "mib_per_second": carried / MIB / taken,
+            "mib_per_second": carried / MIB / span.taken,
             "bytes": carried,
+            **span.waited(),
             **memory(server),
         }
 
@@ -234,15 +236,16 @@ class Loads:
                 delays.append(time.monotonic() - start)
             return delays
 
-        before, start = processor_seconds(server.pid), time.monotonic()
+        span = Span(server.pid)
         with concurrent.futures.ThreadPoolExecutor(clients) as pool:
-            delays = sorted(sum(pool.map(client, [start + self.seconds] * clients), []))
-        taken, spent = time.monotonic() - start, processor_seconds(server.pid) - before
+            delays = sorted(sum(pool.map(client, [span.start + self.seconds] * clients), []))
+        spent = span.end()
         return {
             "us_per_request": spent * 1e6 / len(delays),
-            "requests_per_second": len(delays) / taken,
+            "requests_per_second": len(delays) / span.taken,
             "p99_ms": delays[int(len(delays) * 0.99)] * 1e3,
             "requests": len(delays),
+            **span.waited(),
             **memory(server),
         }
 
@@ -286,7 +289,7 @@ class Loads:
     def backlog(self, server, path):
         """A client that asks for a file and reads nothing until all of it waits in the server."""
         self.check(server, "100")
-        before, spent = resident_bytes(server.pid), processor_seconds(server.pid)
+        before, span = resident_bytes(server.pid), Span(server.pid)
         with Connection(server.port, receive_buffer=256 * KIB) as client:
             client.ask(path)
             self._await_idle(server)
@@ -297,7 +300,7 @@ class Loads:
             client.answer(digest.update)
             if digest.digest() != self.digests[path]:
                 raise Failure(f"{server.name} answers /{path} with other bytes than the file's")
-            spent = processor_seconds(server.pid) - spent
+            spent = span.end()
             time.sleep(GIVING_BACK)
             kept = resident_bytes(server.pid) - before
         if queued < FILES[path] / 2:
@@ -306,6 +309,7 @@ class Loads:
             "ms_per_gib": spent * 1e3 / (FILES[path] / GIB),
             "bytes_per_byte": held / queued,
             "kept_per_byte": kept / queued,
+            **span.waited(),
             **memory(server),
         }
 

@@ -55,6 +55,7 @@ def text(record, drawn):
         "log_share": log_share(record),
         "micro": micro(record.get("micro", [])),
         "behind": behind(found),
+        "disturbance": disturbance(found),
         "better_peers": better_peers(found),
         **{name: f"![{plots.in_words(found, name)}]({PICTURES}/{name}.svg)" for name in drawn},
     }
@@ -148,6 +149,15 @@ def behind(found):
         return "Nowhere: every goal is met."
     return "\n".join(f"- **{row.title}**: {'; '.join(texts)}. {reasons.get(name, '').strip()}".rstrip()
                      for name, (row, texts) in missed.items())
+
+
+def disturbance(found):
+    """Whether something else ran on the server's processor; nothing where that was not recorded."""
+    recorded = any("waited" in figures for row in found.values() for rounds in row.values() for figures in rounds)
+    said = read.disturbance(found) or "No server of this run waited for more than that."
+    return ("- The kernel counts how long a process waits for its processor. A measurement whose server\n"
+            f"  waited for more than {100 * read.WAITED_MAX:.0f} % of the time is made again, a few times at most.\n"
+            f"  {said}") if recorded else ""
 
 
 def best_peer(found, row, figure):

@@ -120,6 +120,32 @@ def processor_seconds(pid):
     return time.clock_gettime(clock.value)
 
 
+def waiting_seconds(pid):
+    """How long the first thread of a process could have run and had to wait for its processor."""
+    return int(pathlib.Path(f"/proc/{pid}/schedstat").read_text().split()[1]) / 1e9
+
+
+class Span:
+    """A measurement from now on: what it has cost a process, and whether that had its processor to itself."""
+
+    def __init__(self, pid):
+        self.pid = pid
+        self.waiting = waiting_seconds(pid)
+        self.processor = processor_seconds(pid)
+        self.start = time.monotonic()
+
+    def end(self):
+        """The processor time in seconds."""
+        self.taken = time.monotonic() - self.start
+        spent = processor_seconds(self.pid) - self.processor
+        self.waiting = waiting_seconds(self.pid) - self.waiting
+        return spent
+
+    def waited(self):
+        """The share of the time for which the process waited for its processor, as a figure."""
+        return {"waited": self.waiting / self.taken}
+
+
 def resident_bytes(pid):
     """Resident memory, counted page by page: /proc/PID/status may be some pages behind for each thread."""
     text = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text()

@@ -2,10 +2,16 @@
 
 import statistics
 
-from support.rows import FIGURES, ROWS
+from support import pairs
+from support.rows import EARLIER, FIGURES, ROWS
 
 SERVERS = ("vindra", "nginx", "nginx with log", "nginx unpooled", "nginx unbuffered", "haproxy", "haproxy with log",
            "floor", "vindra, log to /dev/null", "vindra, log to a pipe")
+
+
+# The share of a measurement for which the server may wait for its processor. The kernel's own threads
+# take less than half a percent.
+WAITED_MAX = 0.02
 
 
 def written(number):
@@ -59,12 +65,48 @@ def aligned(lines):
 
 def row_table(results, row):
     """One row's servers by its figures."""
-    servers = [server for server in row.servers if server in results[row.name]]
+    servers = list(results[row.name])
     figures = [figure for figure in FIGURES if any(of(results, row.name, server, figure) for server in servers)]
     figures.sort(key=lambda figure: figure != row.figure)
     lines = [["", *(FIGURES[figure] for figure in figures)]]
     lines += [[server, *(cell(results, row.name, server, figure) for figure in figures)] for server in servers]
     return f"{row.title}\n{aligned(lines)}\n"
+
+
+def pair_table(results):
+    """This build beside an earlier one, figure by figure."""
+    lines = [["work", "figure", "earlier", "now", "ratio", "smallest–largest", "95 % interval", "difference"]]
+    for row in ROWS:
+        builds = [results.get(row.name, {}).get(server, []) for server in ("vindra", EARLIER)]
+        for figure in FIGURES:
+            now, before = ([figures[figure] for figures in rounds if figure in figures] for rounds in builds)
+            if found := pairs.ratios(now, before):
+                bounds = pairs.interval(found)
+                lines.append([row.name, FIGURES[figure], written(statistics.median(before)),
+                              written(statistics.median(now)), f"{statistics.median(found):.3f}", span(found),
+                              span(bounds) if bounds else "-", pairs.difference(found)])
+    return aligned(lines) + "\n"
+
+
+def span(found):
+    """The first and the last of some ratios."""
+    return f"{found[0]:.3f}–{found[-1]:.3f}"
+
+
+def disturbed(figures):
+    """Whether the server had to wait for its processor: something else ran there."""
+    return figures.get("waited", 0) > WAITED_MAX
+
+
+def disturbance(results):
+    """What came of measurements that were disturbed, in a sentence; nothing where none was."""
+    measured = [figures for row in results.values() for rounds in row.values() for figures in rounds]
+    again = sum(figures.get("tries", 1) - 1 for figures in measured)
+    kept = sum(map(disturbed, measured))
+    if not again and not kept:
+        return ""
+    return (f"The server waited for its processor for more than {100 * WAITED_MAX:.0f} % of the time in {kept} of "
+            f"{len(measured)} measurements; {again} had been made again.")
 
 
 def goal_table(results):

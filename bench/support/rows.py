@@ -9,6 +9,8 @@ import statistics
 import typing
 
 PEERS = ("nginx", "haproxy")
+# An earlier build of vindra, measured beside this one.
+EARLIER = "earlier"
 FIGURES = {
     "us_per_request": "µs of processor time a request",
     "ms_per_gib": "ms of processor time a GiB",

@@ -14,6 +14,7 @@ import time
 
 from support.failure import Failure
 from support.processes import await_listener, first_child, held_port, running
+from support.rows import EARLIER
 
 PROXY_CORE, LOAD_CORE = 0, 1
 
@@ -28,6 +29,8 @@ class Environment:
     build: pathlib.Path
     key: pathlib.Path
     certificate: pathlib.Path
+    # The program of an earlier build.
+    earlier: pathlib.Path = None
 
 
 @dataclasses.dataclass
@@ -130,6 +133,7 @@ class Servers:
         self.environment = environment
         self.kinds = {
             "vindra": self._vindra,
+            EARLIER: lambda *a: self._vindra(*a, program=self.environment.earlier),
             "vindra, log to /dev/null": lambda *a: self._vindra(*a, sink="null"),
             "vindra, log to a pipe": lambda *a: self._vindra(*a, sink="pipe"),
             "nginx": self._nginx,
@@ -166,9 +170,9 @@ class Servers:
                 await_listener(process, port)
                 yield port
 
-    def _vindra(self, stack, name, port, backend, tls, sink="file"):
+    def _vindra(self, stack, name, port, backend, tls, sink="file", program=None):
         environment = self.environment
-        words = [environment.build / "vindra/vindra"]
+        words = [program or environment.build / "vindra/vindra"]
         words += [0, "-ssl", port, environment.key, environment.certificate] if tls else [port]
         words += ["-map", f"127.0.0.1:{port}", backend]
         log = environment.folder / "vindra.log"

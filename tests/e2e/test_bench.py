@@ -1,11 +1,14 @@
 """bench/run and bench/report: that they run and what they refuse, not how fast anything is."""
 
 import contextlib
+import importlib.util
 import json
 import os
 import pathlib
+import re
 import signal
 import subprocess
+import sys
 
 import pytest
 
@@ -13,6 +16,8 @@ from support.program import program_path
 from support.waiting import wait_until
 
 BENCH = pathlib.Path(__file__).resolve().parents[2] / "bench"
+# By its path: tests/e2e has a package of the same name as bench.
+PAIRS = importlib.util.spec_from_file_location("pairs", BENCH / "support" / "pairs.py")
 SERVERS = {"vindra", "nginx", "nginx with log", "haproxy", "haproxy with log", "floor"}
 
 
@@ -42,8 +47,10 @@ def descendants(pid):
 @pytest.mark.parametrize("words", [
     ["--rounds", "0"], ["--rounds", "many"], ["--rounds"], ["--seconds", "-1"], ["--seconds", "nan"],
     ["--only", "nothing"], ["--only", "get_1", "--only", "nothing"], ["--unknown"], ["word"],
+    ["--against"], ["--against", "/nowhere/at/all"], ["--against", "/"], ["--against", BENCH / "reasons.toml"],
+    ["--repeats", "-1"], ["--repeats", "some"], ["--ours", "yes"],
     ["--json", "/nowhere/at/all.json"], ["--out", "/nowhere/at/all"],
-], ids=" ".join)
+], ids=lambda words: " ".join(map(str, words)))
 def test_run_refuses_a_wrong_argument_in_one_line(words):
     refused = bench("run", *words)
     assert refused.returncode == 2
@@ -71,6 +78,78 @@ def test_a_short_run_leaves_numbers_and_a_page_of_them(tmp_path):
     assert [str(name) for name in names] == ["benchmarks.md", "pictures/cost_per_request.svg"]
     for name in names:
         assert (pages[0] / name).read_bytes() == (pages[1] / name).read_bytes()
+
+
+@pytest.fixture(name="pairs", scope="module")
+def the_arithmetic_of_pairs():
+    pairs = importlib.util.module_from_spec(PAIRS)
+    PAIRS.loader.exec_module(pairs)
+    return pairs
+
+
+def test_a_pair_is_two_measurements_of_one_round(pairs):
+    assert pairs.ratios([2, 9, 3], [4, 3, 2]) == [0.5, 1.5, 3]
+    assert pairs.ratios([2, 9], [0, 3, 2]) == [3]
+
+
+@pytest.mark.parametrize("rounds, bounds", [
+    # By the binomial distribution: 2 (1 + n + ...) / 2^n is at most 0.05.
+    (1, None), (5, None), (6, (1, 6)), (8, (1, 8)), (9, (2, 8)), (10, (2, 9)), (12, (3, 10)), (15, (4, 12)),
+    (20, (6, 15)), (60, (22, 39)),
+])
+def test_an_interval_of_ratios_is_cut_by_the_count_of_rounds(pairs, rounds, bounds):
+    assert pairs.interval(list(range(1, rounds + 1))) == bounds
+
+
+@pytest.mark.parametrize("ordered, words", [
+    ([0.9] * 5, "too few rounds"),
+    ([0.90, 0.97, 0.98, 0.98, 0.98, 0.99], "-2.0 %"),
+    ([0.90, 0.97, 0.98, 0.98, 0.98, 1.00], "none shown"),
+    ([1.01, 1.02, 1.02, 1.03, 1.03, 1.10], "+2.5 %"),
+    # Two outliers in a dozen decide nothing.
+    ([0.5, 0.6] + [1.02] * 10, "+2.0 %"),
+])
+def test_a_difference_is_named_only_beyond_the_spread(pairs, ordered, words):
+    assert pairs.difference(ordered) == words
+
+
+def test_two_builds_are_compared_round_by_round(tmp_path):
+    numbers = tmp_path / "numbers.json"
+    run = bench("run", "--against", program_path().parents[1], "--ours", "--rounds", 2, "--seconds", 0.2,
+                "--repeats", 0, "--only", "log_1", "--json", numbers)
+    assert (run.returncode, run.stderr) == (0, "")
+    found = json.loads(numbers.read_text())["rows"]["log_1"]
+    assert set(found) == {"vindra", "earlier", "vindra, log to /dev/null", "vindra, log to a pipe"}
+    ratios = sorted(now["us_per_request"] / before["us_per_request"]
+                    for now, before in zip(found["vindra"], found["earlier"]))
+    shown = f"{sum(ratios) / 2:.3f} +{ratios[0]:.3f}–{ratios[1]:.3f} +- +too few rounds"
+    assert re.search(rf"^log_1 +µs of processor time a request .* {shown}$", run.stdout, re.M), run.stdout
+    assert re.search(r"^log_1 +requests/s ", run.stdout, re.M), run.stdout
+
+
+@contextlib.contextmanager
+def busy_processor():
+    """Somebody else's work on the processor of the servers."""
+    with subprocess.Popen([sys.executable, "-c", "import os; os.sched_setaffinity(0, {0})\nwhile True: pass"]) as other:
+        try:
+            yield
+        finally:
+            other.kill()
+
+
+def test_a_disturbed_measurement_is_made_again_and_reported(tmp_path):
+    numbers = tmp_path / "numbers.json"
+    with busy_processor():
+        run = bench("run", "--ours", "--rounds", 1, "--seconds", 0.2, "--repeats", 1, "--only", "get_64",
+                    "--only", "start", "--json", numbers)
+    assert (run.returncode, run.stderr) == (0, "")
+    found = json.loads(numbers.read_text())["rows"]
+    assert found["get_64"]["vindra"][0]["waited"] > 0.02 and found["get_64"]["vindra"][0]["tries"] == 2
+    assert found["start"]["vindra"][0]["tries"] == 1
+    assert run.stdout.count("The server waited for its processor for more than 2 % of the time in 1 of 1 measurements; "
+                            "1 had been made again.") == 1, run.stdout
+    assert bench("report", numbers, tmp_path).returncode == 0
+    assert "in 1 of 2 measurements; 1 had been made again." in (tmp_path / "benchmarks.md").read_text()
 
 
 def test_the_page_names_each_figure_in_which_a_peer_is_better(tmp_path):
