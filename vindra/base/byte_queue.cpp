@@ -1,13 +1,12 @@
 #include "vindra/base/byte_queue.h"
 
+#include "vindra/base/private/block_store.h"
+
 #include <algorithm>
 #include <cassert>
 #include <cstdint>
 #include <cstring>
 #include <new>
-#include <vector>
-
-#include <sys/mman.h>
 
 namespace base {
 
@@ -25,81 +24,14 @@ struct byte_queue::block {
 
 namespace {
 
-// A place for one block, aligned to its own size.
-constexpr std::size_t place_bytes = 65536;
-constexpr std::size_t places_per_region = 64;
-
-// Free places that keep their pages for good: enough for a few connections at full speed.
-constexpr std::size_t warm_places_min = 64;
-
 // Many queues hold a few hundred bytes each. Were all blocks to begin at one offset, these
 // would fight for the same few cache sets; a step of five lines spreads them over a page.
 constexpr std::size_t cache_line = 64;
 constexpr std::size_t offsets = 64;
 constexpr std::size_t offset_step = 5;
 
-// Address space stays with the store, pages do not. While a fast sender feeds a slow receiver, a
-// queue of many mebibytes comes and goes many times a second, and fetching its pages anew costs
-// more than all the copying: so free places keep theirs until a second has not needed them.
-class block_store {
-public:
-    char* take() {
-        if (free_.empty()) add_region();
-        char* place = free_.back();
-        assert(reinterpret_cast<std::uintptr_t>(place) % place_bytes == 0);
-        free_.pop_back();
-        cold_ = std::min(cold_, free_.size());
-        peak_ = std::max(peak_, ++in_use_);
-        return place;
-    }
-
-    void give_back(char* place) {
-        assert(in_use_ > 0 && reinterpret_cast<std::uintptr_t>(place) % place_bytes == 0);
-        free_.push_back(place);
-        --in_use_;
-    }
-
-    // Hands back the pages of the free places that were not in use together with the others
-    // since the last call.
-    void trim() {
-        const std::size_t kept = std::max(peak_ - in_use_, warm_places_min);
-        for (; free_.size() - cold_ > kept; ++cold_) {
-            madvise(free_[cold_], place_bytes, MADV_DONTNEED);
-        }
-        peak_ = in_use_;
-        assert(cold_ <= free_.size());
-    }
-
-private:
-    void add_region() {
-        constexpr std::size_t region_bytes = place_bytes * places_per_region;
-        void* memory = mmap(nullptr, region_bytes + place_bytes, PROT_READ | PROT_WRITE,
-                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-        if (memory == MAP_FAILED) throw std::bad_alloc();
-        const auto address = reinterpret_cast<std::uintptr_t>(memory);
-        char* const begin = static_cast<char*>(memory) + (place_bytes - address % place_bytes);
-        for (std::size_t i = places_per_region; i > 0; --i)
-            free_.push_back(begin + (i - 1) * place_bytes);
-        cold_ = free_.size();
-    }
-
-    /// Last in, first out: the warmest place is used next. The first `cold_` have no pages.
-    std::vector<char*> free_;
-    std::size_t cold_ = 0;
-
-    /// Places in use, now and at most since the last trim().
-    std::size_t in_use_ = 0;
-    std::size_t peak_ = 0;
-};
-
-block_store& store() {
-    // Never destroyed: a queue may be drained while the process exits.
-    static block_store& s = *new block_store;
-    return s;
-}
-
 std::size_t offset_of(const char* place) {
-    const auto number = reinterpret_cast<std::uintptr_t>(place) / place_bytes;
+    const auto number = reinterpret_cast<std::uintptr_t>(place) / block_store::place_bytes;
     return number * offset_step % offsets * cache_line;
 }
 
@@ -110,7 +42,7 @@ byte_queue::~byte_queue() {
 }
 
 void byte_queue::give_back_pages() {
-    store().trim();
+    block_store::shared().trim();
 }
 
 void byte_queue::append(const char* bytes, std::size_t length) {
@@ -181,9 +113,9 @@ bool byte_queue::equals_(std::string_view text) const {
 }
 
 void byte_queue::add_block_() {
-    char* const place = store().take();
+    char* const place = block_store::shared().take();
     const std::size_t offset = offset_of(place);
-    const std::size_t capacity = place_bytes - offset - sizeof(block);
+    const std::size_t capacity = block_store::place_bytes - offset - sizeof(block);
     auto* const added =
         new (place + offset) block{nullptr, 0, 0, static_cast<std::uint32_t>(capacity)};
     (last_ == nullptr ? first_ : last_->next) = added;
@@ -196,7 +128,8 @@ void byte_queue::drop_first_() {
     first_ = dropped->next;
     if (first_ == nullptr) last_ = nullptr;
     const auto address = reinterpret_cast<std::uintptr_t>(dropped);
-    store().give_back(reinterpret_cast<char*>(dropped) - address % place_bytes);
+    block_store::shared().give_back(reinterpret_cast<char*>(dropped) -
+                                    address % block_store::place_bytes);
 }
 
 } // namespace base
