@@ -1,9 +1,9 @@
 #pragma once
 
+#include "vindra/base/file_info.h"
 #include "vindra/core/connection.h"
 #include "vindra/core/server.h"
 #include "vindra/core/sockets.h"
-#include "vindra/tls/file_info.h"
 #include "vindra/tls/openssl.h"
 
 #include <cerrno>

@@ -1,4 +1,4 @@
-#include "vindra/tls/file_info.h"
+#include "vindra/base/file_info.h"
 
 #include <sys/stat.h>
 
