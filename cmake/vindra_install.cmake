@@ -25,16 +25,14 @@ install(FILES "${vindra_completions}/vindra.fish"
 install(TARGETS vindra_library vindra_shared vindra_usage EXPORT vindraTargets)
 install(EXPORT vindraTargets NAMESPACE vindra:: DESTINATION "${vindra_package_dir}")
 
-# Those that are left out serve the library's own sources; no other header includes them.
+# Those that are left out, a layer's folder private among them, serve the library's own sources.
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/vindra"
         DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
         FILES_MATCHING
         PATTERN "*.h"
-        PATTERN backend_address.h EXCLUDE
+        PATTERN private EXCLUDE
         PATTERN connection_pool.h EXCLUDE
-        PATTERN late_answer.h EXCLUDE
-        PATTERN registry.h EXCLUDE
-        PATTERN request_head.h EXCLUDE)
+        PATTERN registry.h EXCLUDE)
 
 # Before 1.0 a new minor version may change what a program was built against.
 write_basic_package_version_file(vindraConfigVersion.cmake COMPATIBILITY SameMinorVersion)

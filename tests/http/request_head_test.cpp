@@ -1,4 +1,4 @@
-#include "vindra/http/request_head.h"
+#include "vindra/http/private/request_head.h"
 
 #include <limits>
 #include <string>

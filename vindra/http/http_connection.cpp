@@ -5,7 +5,7 @@
 #include "vindra/base/find.h"
 #include "vindra/core/ipv4_text.h"
 #include "vindra/http/deferred_result.h"
-#include "vindra/http/request_head.h"
+#include "vindra/http/private/request_head.h"
 
 #include <cstddef>
 #include <cstdio>

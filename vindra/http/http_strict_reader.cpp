@@ -5,7 +5,7 @@
 //   head -> refused -> ended by the server           once the client is silent, or has sent enough
 
 #include "vindra/http/http_connection.h"
-#include "vindra/http/request_head.h"
+#include "vindra/http/private/request_head.h"
 
 #include <algorithm>
 #include <cstddef>

@@ -2,7 +2,7 @@
 
 #include "vindra/core/sockets.h"
 #include "vindra/http/http_connection.h"
-#include "vindra/http/late_answer.h"
+#include "vindra/http/private/late_answer.h"
 
 #include <atomic>
 #include <cassert>

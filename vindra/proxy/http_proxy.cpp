@@ -3,7 +3,7 @@
 #include "vindra/base/split_url.h"
 #include "vindra/core/server_base.h"
 #include "vindra/core/sockets.h"
-#include "vindra/proxy/backend_address.h"
+#include "vindra/proxy/private/backend_address.h"
 #include "vindra/proxy/proxy_connection.h"
 
 #include <cerrno>

@@ -1,4 +1,4 @@
-#include "vindra/proxy/backend_address.h"
+#include "vindra/proxy/private/backend_address.h"
 
 #include <array>
 #include <cstring>
