@@ -1,40 +1,33 @@
 #pragma once
 
 // What relay.cpp and conversation.cpp share: a server whose connections are socket pairs with the
-// script at their far ends. This stands in front of the calls that would make real ones, of the
-// clock and of the waits, so include it in one source of a program only.
+// script at their far ends, the clock turned by hand. This stands before the calls that would make
+// real sockets, so include it in one source of a program only.
 
 #include "vindra/core/server.h"
 #include "vindra/core/sockets.h"
 #include "vindra/proxy/reverse_proxy.h"
 
 #include "fuzz/fuzz.h"
+#include "tests/support/hand_turned_clock.h"
+#include "tests/support/next_call.h"
 
 #include <cerrno>
-#include <ctime>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include <dlfcn.h>
 #include <fcntl.h>
-#include <poll.h>
-#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-inline std::time_t now = 1000000;
+using hand_turned::now;
 
 /// The script's ends of the sockets to backends, in the order in which they were made.
 inline std::vector<int> backends;
 
 /// The next socket to a backend cannot be had.
 inline bool no_socket = false;
-
-template <typename Function>
-Function* real(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
 
 /// One end; the other goes to `far`.
 inline int pair_end(int& far) {
@@ -47,23 +40,8 @@ inline int pair_end(int& far) {
     return ends[0];
 }
 
-extern "C" std::time_t time(std::time_t* result) noexcept {
-    if (result != nullptr) *result = now;
-    return now;
-}
-
-extern "C" int epoll_wait(int epfd, epoll_event* events, int most, int /*timeout*/) {
-    static auto* const call = real<decltype(epoll_wait)>("epoll_wait");
-    return call(epfd, events, most, 0);
-}
-
-extern "C" int poll(pollfd* fds, nfds_t count, int /*timeout*/) {
-    static auto* const call = real<decltype(poll)>("poll");
-    return call(fds, count, 0);
-}
-
 extern "C" int socket(int domain, int type, int protocol) noexcept {
-    static auto* const call = real<int(int, int, int)>("socket");
+    static auto* const call = next_call<int(int, int, int)>("socket");
     // The resolver's sockets are datagrams, or of another family.
     if (domain != AF_INET || (type & 0xF) != SOCK_STREAM) return call(domain, type, protocol);
     if (no_socket) {
@@ -77,7 +55,7 @@ extern "C" int socket(int domain, int type, int protocol) noexcept {
 }
 
 extern "C" int connect(int fd, const sockaddr* address, socklen_t length) {
-    static auto* const call = real<decltype(connect)>("connect");
+    static auto* const call = next_call<decltype(connect)>("connect");
     int type = 0;
     socklen_t size = sizeof type;
     getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &type, &size);

@@ -6,6 +6,8 @@
 // count the kernel owes news, a close that reports an error has closed, and a connect that was
 // interrupted goes on.
 
+#include "tests/support/next_call.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -27,35 +29,11 @@
 
 namespace {
 
-// In the order of CALLS in tests/e2e/support/faults.py.
+// on_accept4 and so on.
 enum call_number : unsigned {
-    on_accept4,
-    on_recv,
-    on_send,
-    on_read,
-    on_write,
-    on_socket,
-    on_connect,
-    on_close,
-    on_fcntl,
-    on_setsockopt,
-    on_bind,
-    on_listen,
-    on_epoll_create1,
-    on_epoll_ctl,
-    on_epoll_wait,
-    on_poll,
-    on_getaddrinfo,
-    on_getifaddrs,
-    on_getnameinfo,
-    on_stat,
-    on_madvise,
-    on_SSL_read,
-    on_SSL_write,
-    on_SSL_accept,
-    on_SSL_shutdown,
-    on_SSL_CTX_use_PrivateKey_file,
-    on_SSL_CTX_use_certificate_file,
+#define CALL(name) on_##name,
+#include "tests/faults/calls.inc"
+#undef CALL
     calls
 };
 
@@ -109,11 +87,6 @@ bool fails(call_number call) {
     return true;
 }
 
-template <typename Function>
-Function* next(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
 // What each descriptor was given to the kernel's watch with.
 struct watched {
     int epoll = -1;
@@ -124,7 +97,7 @@ watched watches[watched_max];
 
 // Has the next wait tell of a descriptor's state once more.
 void owe_news(int fd) {
-    static auto* const call = next<decltype(epoll_ctl)>("epoll_ctl");
+    static auto* const call = next_call<decltype(epoll_ctl)>("epoll_ctl");
     if (fd < 0 || fd >= watched_max || watches[fd].epoll < 0) return;
     call(watches[fd].epoll, EPOLL_CTL_MOD, fd, &watches[fd].event);
 }
@@ -158,43 +131,43 @@ bool is_socket(int fd) {
 extern "C" {
 
 int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
-    static auto* const call = next<decltype(accept4)>("accept4");
+    static auto* const call = next_call<decltype(accept4)>("accept4");
     return fails(on_accept4) ? -1 : call(fd, address, length, flags);
 }
 
 ssize_t recv(int fd, void* buffer, size_t length, int flags) {
-    static auto* const call = next<decltype(recv)>("recv");
+    static auto* const call = next_call<decltype(recv)>("recv");
     return transferred(on_recv, fd, length,
                        [=](std::size_t part) { return call(fd, buffer, part, flags); });
 }
 
 ssize_t send(int fd, const void* buffer, size_t length, int flags) {
-    static auto* const call = next<decltype(send)>("send");
+    static auto* const call = next_call<decltype(send)>("send");
     return transferred(on_send, fd, length,
                        [=](std::size_t part) { return call(fd, buffer, part, flags); });
 }
 
 ssize_t read(int fd, void* buffer, size_t length) {
-    static auto* const call = next<decltype(read)>("read");
+    static auto* const call = next_call<decltype(read)>("read");
     if (!is_socket(fd)) return call(fd, buffer, length);
     return transferred(on_read, fd, length,
                        [=](std::size_t part) { return call(fd, buffer, part); });
 }
 
 ssize_t write(int fd, const void* buffer, size_t length) {
-    static auto* const call = next<decltype(write)>("write");
+    static auto* const call = next_call<decltype(write)>("write");
     if (!is_socket(fd)) return call(fd, buffer, length);
     return transferred(on_write, fd, length,
                        [=](std::size_t part) { return call(fd, buffer, part); });
 }
 
 int socket(int family, int type, int protocol) {
-    static auto* const call = next<decltype(socket)>("socket");
+    static auto* const call = next_call<decltype(socket)>("socket");
     return fails(on_socket) ? -1 : call(family, type, protocol);
 }
 
 int connect(int fd, const sockaddr* address, socklen_t length) {
-    static auto* const call = next<decltype(connect)>("connect");
+    static auto* const call = next_call<decltype(connect)>("connect");
     fault how{};
     if (!strikes(on_connect, how)) return call(fd, address, length);
     if (how.error == EINTR) call(fd, address, length);
@@ -203,14 +176,14 @@ int connect(int fd, const sockaddr* address, socklen_t length) {
 }
 
 int close(int fd) {
-    static auto* const call = next<decltype(close)>("close");
+    static auto* const call = next_call<decltype(close)>("close");
     const int result = call(fd);
     if (fd >= 0 && fd < watched_max) watches[fd].epoll = -1;
     return fails(on_close) ? -1 : result;
 }
 
 int fcntl(int fd, int command, ...) {
-    static auto* const call = next<decltype(fcntl)>("fcntl");
+    static auto* const call = next_call<decltype(fcntl)>("fcntl");
     va_list rest;
     va_start(rest, command);
     const long argument = va_arg(rest, long);
@@ -219,27 +192,27 @@ int fcntl(int fd, int command, ...) {
 }
 
 int setsockopt(int fd, int level, int name, const void* value, socklen_t length) {
-    static auto* const call = next<decltype(setsockopt)>("setsockopt");
+    static auto* const call = next_call<decltype(setsockopt)>("setsockopt");
     return fails(on_setsockopt) ? -1 : call(fd, level, name, value, length);
 }
 
 int bind(int fd, const sockaddr* address, socklen_t length) {
-    static auto* const call = next<decltype(bind)>("bind");
+    static auto* const call = next_call<decltype(bind)>("bind");
     return fails(on_bind) ? -1 : call(fd, address, length);
 }
 
 int listen(int fd, int backlog) {
-    static auto* const call = next<decltype(listen)>("listen");
+    static auto* const call = next_call<decltype(listen)>("listen");
     return fails(on_listen) ? -1 : call(fd, backlog);
 }
 
 int epoll_create1(int flags) {
-    static auto* const call = next<decltype(epoll_create1)>("epoll_create1");
+    static auto* const call = next_call<decltype(epoll_create1)>("epoll_create1");
     return fails(on_epoll_create1) ? -1 : call(flags);
 }
 
 int epoll_ctl(int epoll, int operation, int fd, epoll_event* event) {
-    static auto* const call = next<decltype(epoll_ctl)>("epoll_ctl");
+    static auto* const call = next_call<decltype(epoll_ctl)>("epoll_ctl");
     if (operation == EPOLL_CTL_ADD) {
         if (fails(on_epoll_ctl)) return -1;
         if (fd >= 0 && fd < watched_max) watches[fd] = {epoll, *event};
@@ -248,29 +221,29 @@ int epoll_ctl(int epoll, int operation, int fd, epoll_event* event) {
 }
 
 int epoll_wait(int epoll, epoll_event* events, int most, int timeout) {
-    static auto* const call = next<decltype(epoll_wait)>("epoll_wait");
+    static auto* const call = next_call<decltype(epoll_wait)>("epoll_wait");
     return fails(on_epoll_wait) ? -1 : call(epoll, events, most, timeout);
 }
 
 int poll(pollfd* fds, nfds_t count, int timeout) {
-    static auto* const call = next<decltype(poll)>("poll");
+    static auto* const call = next_call<decltype(poll)>("poll");
     return fails(on_poll) ? -1 : call(fds, count, timeout);
 }
 
 int getaddrinfo(const char* node, const char* service, const addrinfo* hints, addrinfo** result) {
-    static auto* const call = next<decltype(getaddrinfo)>("getaddrinfo");
+    static auto* const call = next_call<decltype(getaddrinfo)>("getaddrinfo");
     fault how{};
     return strikes(on_getaddrinfo, how) ? how.error : call(node, service, hints, result);
 }
 
 int getifaddrs(ifaddrs** list) {
-    static auto* const call = next<decltype(getifaddrs)>("getifaddrs");
+    static auto* const call = next_call<decltype(getifaddrs)>("getifaddrs");
     return fails(on_getifaddrs) ? -1 : call(list);
 }
 
 int getnameinfo(const sockaddr* address, socklen_t length, char* host, socklen_t host_length,
                 char* service, socklen_t service_length, int flags) {
-    static auto* const call = next<decltype(getnameinfo)>("getnameinfo");
+    static auto* const call = next_call<decltype(getnameinfo)>("getnameinfo");
     fault how{};
     return strikes(on_getnameinfo, how)
                ? how.error
@@ -278,12 +251,12 @@ int getnameinfo(const sockaddr* address, socklen_t length, char* host, socklen_t
 }
 
 int stat(const char* path, struct stat* status) {
-    static auto* const call = next<int(const char*, struct stat*)>("stat");
+    static auto* const call = next_call<int(const char*, struct stat*)>("stat");
     return fails(on_stat) ? -1 : call(path, status);
 }
 
 int madvise(void* begin, size_t length, int advice) {
-    static auto* const call = next<decltype(madvise)>("madvise");
+    static auto* const call = next_call<decltype(madvise)>("madvise");
     return fails(on_madvise) ? -1 : call(begin, length, advice);
 }
 

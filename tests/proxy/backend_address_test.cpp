@@ -1,5 +1,7 @@
 #include "vindra/proxy/private/backend_address.h"
 
+#include "tests/support/next_call.h"
+
 #include <chrono>
 #include <cstring>
 #include <functional>
@@ -7,7 +9,6 @@
 #include <thread>
 
 #include <arpa/inet.h>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -26,8 +27,7 @@ const char* const many_addresses[] = {"::1", "127.0.0.3", "127.0.0.4"};
 
 extern "C" int getaddrinfo(const char* host, const char* service, const addrinfo* hints,
                            addrinfo** result) {
-    static auto* const call =
-        reinterpret_cast<decltype(getaddrinfo)*>(dlsym(RTLD_NEXT, "getaddrinfo"));
+    static auto* const call = next_call<decltype(getaddrinfo)>("getaddrinfo");
     ++questions;
     if (std::strcmp(host, "many.example") != 0) return call(host, service, hints, result);
 
@@ -41,8 +41,7 @@ extern "C" int getaddrinfo(const char* host, const char* service, const addrinfo
 }
 
 extern "C" int stat(const char* path, struct stat* result) noexcept {
-    static auto* const call =
-        reinterpret_cast<int (*)(const char*, struct stat*)>(dlsym(RTLD_NEXT, "stat"));
+    static auto* const call = next_call<int(const char*, struct stat*)>("stat");
     if (std::strcmp(path, "/etc/hosts") != 0) return call(path, result);
     *result = hosts_state;
     return 0;

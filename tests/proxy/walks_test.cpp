@@ -12,6 +12,7 @@
 #include "tests/support/captured_output.h"
 #include "tests/support/far_end.h"
 #include "tests/support/frames.h"
+#include "tests/support/hand_turned_clock.h"
 
 #include <algorithm>
 #include <climits>
@@ -24,44 +25,11 @@
 #include <utility>
 #include <vector>
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/epoll.h>
 #include <sys/socket.h>
 
-namespace {
-
-// The clock, which the script turns by hand.
-std::time_t now = 1000000;
-
-// Milliseconds that a wait was to last at most, since the test has looked last.
-int longest_wait = 0;
-
-template <typename Function>
-Function* real(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
-} // namespace
-
-extern "C" std::time_t time(std::time_t* result) noexcept {
-    if (result != nullptr) *result = now;
-    return now;
-}
-
-// All that the script has done is there by now, so no wait needs to last.
-extern "C" int epoll_wait(int epfd, epoll_event* events, int most, int timeout) {
-    static auto* const call = real<decltype(epoll_wait)>("epoll_wait");
-    longest_wait = std::max(longest_wait, timeout);
-    return call(epfd, events, most, 0);
-}
-
-extern "C" int poll(pollfd* fds, nfds_t count, int timeout) {
-    static auto* const call = real<decltype(poll)>("poll");
-    longest_wait = std::max(longest_wait, timeout);
-    return call(fds, count, 0);
-}
+using hand_turned::longest_wait;
+using hand_turned::now;
 
 namespace {
 

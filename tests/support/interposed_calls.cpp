@@ -1,10 +1,11 @@
 #include "tests/support/interposed_calls.h"
 
+#include "tests/support/next_call.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <utility>
 
-#include <dlfcn.h>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -24,11 +25,6 @@ int send_error_once = 0;
 
 namespace {
 
-template <typename Function>
-Function* real(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
 bool fails_with(int error) {
     if (error == 0) return false;
     errno = error;
@@ -38,33 +34,33 @@ bool fails_with(int error) {
 } // namespace
 
 extern "C" int epoll_wait(int epfd, epoll_event* events, int most, int timeout) {
-    static auto* const call = real<decltype(epoll_wait)>("epoll_wait");
+    static auto* const call = next_call<decltype(epoll_wait)>("epoll_wait");
     if (fails_with(interposed::wait_error) || fails_with(interposed::news_error)) return -1;
     return call(epfd, events, most, timeout);
 }
 
 extern "C" int poll(pollfd* fds, nfds_t count, int timeout) {
-    static auto* const call = real<decltype(poll)>("poll");
+    static auto* const call = next_call<decltype(poll)>("poll");
     ++interposed::poll_calls;
     if (fails_with(interposed::wait_error)) return -1;
     return call(fds, count, timeout);
 }
 
 extern "C" int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
-    static auto* const call = real<decltype(accept4)>("accept4");
+    static auto* const call = next_call<decltype(accept4)>("accept4");
     if (fails_with(interposed::accept_error)) return -1;
     return call(fd, address, length, flags);
 }
 
 extern "C" ssize_t recv(int fd, void* buffer, size_t length, int flags) {
-    static auto* const call = real<decltype(recv)>("recv");
+    static auto* const call = next_call<decltype(recv)>("recv");
     ++interposed::recv_calls;
     if (fails_with(std::exchange(interposed::recv_error_once, 0))) return -1;
     return call(fd, buffer, length, flags);
 }
 
 extern "C" ssize_t send(int fd, const void* buffer, size_t length, int flags) {
-    static auto* const call = real<decltype(send)>("send");
+    static auto* const call = next_call<decltype(send)>("send");
     if (fails_with(std::exchange(interposed::send_error_once, 0))) return -1;
     if (interposed::send_limit > 0) {
         length = std::min(length, static_cast<size_t>(interposed::send_limit));

@@ -3,13 +3,13 @@
 
 #include "vindra/tls/import.h"
 
+#include "tests/support/next_call.h"
 #include "tests/support/temporary_folder.h"
 
 #include <cstdio>
 #include <cstring>
 #include <string>
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -26,7 +26,7 @@ std::string asked;
 } // namespace
 
 extern "C" FILE* fopen(const char* path, const char* mode) {
-    static auto* const call = reinterpret_cast<decltype(fopen)*>(dlsym(RTLD_NEXT, "fopen"));
+    static auto* const call = next_call<decltype(fopen)>("fopen");
     const bool is_first = std::strcmp(path, first_path) == 0;
     if (!is_first && std::strcmp(path, second_path) != 0) return call(path, mode);
     asked += is_first ? "first " : "second ";
