@@ -19,17 +19,13 @@ import time
 from typing import NamedTuple
 
 from support.ports import HeldPort
-from support.program import Program, build_folder, program_path
+from support.program import ROOT, Program, build_folder, program_path
 from support.raw import EndOfStream, Stream, get
 from support.texts import BAD_GATEWAY, NOT_FOUND, echo_answer
 from support.waiting import wait_until
 
 # In the order of `call_number` in faults.cpp.
-CALLS = ["accept4", "recv", "send", "read", "write", "socket", "connect", "close", "fcntl",
-         "setsockopt", "bind", "listen", "epoll_create1", "epoll_ctl", "epoll_wait", "poll",
-         "getaddrinfo", "getifaddrs", "getnameinfo", "stat", "madvise", "SSL_read", "SSL_write",
-         "SSL_accept", "SSL_shutdown", "SSL_CTX_use_PrivateKey_file",
-         "SSL_CTX_use_certificate_file"]
+CALLS = re.findall(r"^CALL\((\w+)\)$", (ROOT / "tests/faults/calls.inc").read_text(), re.M)
 
 EAI_AGAIN, EAI_FAIL, EAI_SYSTEM = -3, -4, -11
 
