@@ -138,7 +138,7 @@ struct inbox {
 
     void ring() const {
         const int fd = bell.load(std::memory_order_acquire);
-        if (fd >= 0) eventfd_write(fd, sockets::bell_ring);
+        if (fd >= 0) eventfd_write(fd, 1);
     }
 
     void make_posted_calls() {

@@ -17,9 +17,9 @@ namespace sockets {
 /// close() to take it out.
 VINDRA_API descriptor_set* all();
 
-/// Sets `fd`, a TCP socket, in all(). Of such a socket a read that brings less than it has room
-/// for leaves nothing behind, which saves the read that would only find that out. Must not be used
-/// for a socket of another kind, where it may leave bytes or messages unread.
+/// Sets `fd`, a TCP socket, in all(). A short TCP read means the socket is empty, so the read that
+/// would return EAGAIN is skipped. Never use it for another kind of socket: bytes or messages may
+/// be left unread there.
 VINDRA_API void watch_tcp(int fd);
 
 /// Orders for the coming wait alone: descriptors that want to write, in all() or not. Empty
@@ -47,8 +47,7 @@ VINDRA_API int& num_ready();
 /// "select() failed! %d\n" with errno.
 VINDRA_API void select_all();
 
-/// The next wait only looks and does not sleep: something has been left for the next turn of
-/// which no socket has news.
+/// Makes the next wait return at once: there is work that no socket will report.
 VINDRA_API void hurry();
 
 /// Closes `fd` and takes its number out of all five sets.
@@ -64,20 +63,17 @@ VINDRA_API void close(int fd);
 VINDRA_API void prepare_to_keep();
 
 /// A descriptor to wake the wait by: an eventfd in all(), made at the first call and kept to the
-/// end of the process. -1 where there is none to be had.
+/// end of the process. -1 if none can be had.
 ///
-/// Other threads get its number from the loop's and write `bell_ring` to it once what they have
-/// done can be seen, in one call (eventfd_write()). The wait in progress, or the next one, then
-/// ends at once, and so does the one behind it: a walk over the connections may pass one over
-/// and looks at it in the next turn. select_all() empties it: read it nowhere else.
+/// Get the number on the loop's thread. When the result is visible, another thread calls
+/// eventfd_write(bell, 1). The current wait, or the next one, ends at once, and so does the one
+/// after it: a walk may skip a connection and visit it in the next turn only. select_all() reads
+/// it; read it nowhere else.
 VINDRA_API int bell();
 
-/// What is written to bell(). Smaller values ring once only.
-constexpr unsigned bell_ring = 2;
-
-/// A hint: a read from `fd` has just met EAGAIN, so there is nothing more until the kernel has
-/// news of it. Saves asking again at the next wait. Never give it after another error: the
-/// end of a refused connection shows only in a second read, of which there is no news.
+/// A hint: a read from `fd` has just met EAGAIN, so there is nothing more until the kernel reports
+/// an event. Saves the next wait a query. Never give it after another error: the end of a refused
+/// connection shows only in a second read, and raises no event.
 VINDRA_API void drained(int fd);
 
 /// The same for writing: a write to `fd` has just met EAGAIN.

@@ -49,7 +49,7 @@ void worker_result::run_(std::function<var()> compute, const std::shared_ptr<lin
         // Whatever it was, the answer is null: there is nobody here to tell.
     }
     compute = nullptr;
-    if (hand_over_(computed, *link)) eventfd_write(bell, sockets::bell_ring);
+    if (hand_over_(computed, *link)) eventfd_write(bell, 1);
 }
 
 // False where the result is gone. Leaves `computed` null: two handles of one body must not be
