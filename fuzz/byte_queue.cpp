@@ -26,7 +26,7 @@ std::size_t some_length(source& in) {
 class twins {
 public:
     twins() {
-        queue_.on_arrival([](void* count) { ++*static_cast<int*>(count); }, &announced_);
+        queue_.set_listener([](void* count) { ++*static_cast<int*>(count); }, &announced_);
     }
 
     void act(unsigned what, std::size_t length, char fill) {
@@ -51,7 +51,7 @@ public:
         case 7:
             text_.clear();
             queue_.clear();
-            base::byte_queue::give_back_pages();
+            base::byte_queue::release_pages();
             break;
         default:
             take(length);

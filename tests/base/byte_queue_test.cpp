@@ -137,9 +137,9 @@ TEST(byte_queue, a_large_backlog_costs_little_more_than_its_bytes_and_is_given_b
 
     std::string out(mib, ' ');
     while (!queue.empty()) queue.take(out.data(), mib);
-    base::byte_queue::give_back_pages();
+    base::byte_queue::release_pages();
     EXPECT_GE(resident_bytes() - before, backlog) << "it was needed a moment ago";
-    base::byte_queue::give_back_pages();
+    base::byte_queue::release_pages();
     EXPECT_LE(resident_bytes(), before + 8 * mib);
 }
 
@@ -155,7 +155,7 @@ TEST(byte_queue, a_backlog_that_drains_slowly_is_given_back_on_the_way) {
     std::string out(mib, ' ');
     for (int i = 0; i < 64; ++i) {
         queue.take(out.data(), mib);
-        base::byte_queue::give_back_pages();
+        base::byte_queue::release_pages();
         EXPECT_LE(resident_bytes(), before + queue.size() + 8 * mib);
     }
 }
@@ -177,7 +177,7 @@ TEST(byte_queue, tells_its_listener_when_bytes_come_to_wait_where_none_did) {
         std::string seen;
         base::byte_queue queue;
     } ear;
-    ear.queue.on_arrival(
+    ear.queue.set_listener(
         [](void* context) {
             auto& self = *static_cast<listener*>(context);
             self.seen += std::string(self.queue) + ";";
@@ -198,7 +198,7 @@ TEST(byte_queue, tells_its_listener_when_bytes_come_to_wait_where_none_did) {
     ear.queue.announce();
     EXPECT_EQ(ear.seen, "a;c;d;d;");
 
-    ear.queue.on_arrival(nullptr, nullptr);
+    ear.queue.set_listener(nullptr, nullptr);
     ear.queue.clear();
     ear.queue += "e";
     ear.queue.announce();

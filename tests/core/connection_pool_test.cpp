@@ -33,7 +33,7 @@ TEST(connection_pool, a_new_slot_is_zero_and_aligned) {
     char* slot = static_cast<char*>(connection_pool::allocate(mib + 500));
     EXPECT_EQ(reinterpret_cast<std::uintptr_t>(slot) % 64, 0U);
     EXPECT_TRUE(all_zero(slot, mib + 500));
-    connection_pool::release(slot, mib + 500);
+    connection_pool::deallocate(slot, mib + 500);
 }
 
 TEST(connection_pool, a_slot_used_again_carries_nothing_over) {
@@ -41,11 +41,11 @@ TEST(connection_pool, a_slot_used_again_carries_nothing_over) {
          {std::size_t{100}, std::size_t{5000}, mib, mib + 90, mib + 1000}) {
         char* slot = static_cast<char*>(connection_pool::allocate(size));
         std::memset(slot, 'x', size);
-        connection_pool::release(slot, size);
+        connection_pool::deallocate(slot, size);
         char* again = static_cast<char*>(connection_pool::allocate(size));
         EXPECT_EQ(again, slot) << "the warmest slot comes first";
         EXPECT_TRUE(all_zero(again, size)) << size;
-        connection_pool::release(again, size);
+        connection_pool::deallocate(again, size);
     }
 }
 
@@ -54,10 +54,10 @@ TEST(connection_pool, a_slot_wiped_beside_used_neighbours_leaves_them_alone) {
     constexpr std::size_t size = mib + 700;
     for (char*& slot : slots) slot = static_cast<char*>(connection_pool::allocate(size));
     for (char* slot : slots) std::memset(slot, 'x', size);
-    for (std::size_t i = 0; i < slots.size(); i += 2) connection_pool::release(slots[i], size);
+    for (std::size_t i = 0; i < slots.size(); i += 2) connection_pool::deallocate(slots[i], size);
     for (std::size_t i = 1; i < slots.size(); i += 2)
         EXPECT_EQ(std::count(slots[i], slots[i] + size, 'x'), static_cast<std::ptrdiff_t>(size));
-    for (std::size_t i = 1; i < slots.size(); i += 2) connection_pool::release(slots[i], size);
+    for (std::size_t i = 1; i < slots.size(); i += 2) connection_pool::deallocate(slots[i], size);
 }
 
 TEST(connection_pool, a_slot_that_grew_gives_its_pages_back) {
@@ -65,7 +65,7 @@ TEST(connection_pool, a_slot_that_grew_gives_its_pages_back) {
     char* slot = static_cast<char*>(connection_pool::allocate(size));
     std::memset(slot, 'x', size);
     EXPECT_GE(resident_pages(slot, size), mib / page);
-    connection_pool::release(slot, size);
+    connection_pool::deallocate(slot, size);
     EXPECT_LE(resident_pages(slot, size), 4U);
 }
 
@@ -75,35 +75,50 @@ TEST(connection_pool, a_slot_is_wiped_around_what_is_said_to_be_untouched) {
         char* slot = static_cast<char*>(connection_pool::allocate(size));
         std::memset(slot, 'x', used);
         std::memset(slot + mib, 'y', 700);
-        connection_pool::note_untouched(slot, slot + used, slot + mib);
-        connection_pool::release(slot, size);
+        connection_pool::note_untouched(slot + used, slot + mib);
+        connection_pool::deallocate(slot, size);
 
         slot = static_cast<char*>(connection_pool::allocate(size));
         EXPECT_EQ(std::count(slot, slot + size, '\0'), static_cast<std::ptrdiff_t>(size)) << used;
-        connection_pool::release(slot, size);
+        connection_pool::deallocate(slot, size);
     }
 }
 
-TEST(connection_pool, a_note_about_one_slot_says_nothing_of_another) {
+TEST(connection_pool, a_note_about_one_slot_says_nothing_of_another_or_of_its_next_owner) {
     constexpr std::size_t size = mib + 700;
     char* noted = static_cast<char*>(connection_pool::allocate(size));
     char* other = static_cast<char*>(connection_pool::allocate(size));
     std::memset(other, 'x', size);
-    connection_pool::note_untouched(noted, noted, noted + size);
-    connection_pool::release(other, size);
+    connection_pool::note_untouched(noted, noted + size);
+    connection_pool::deallocate(other, size);
     EXPECT_LE(resident_pages(other, size), 4U);
-    connection_pool::release(noted, size);
+    connection_pool::deallocate(noted, size);
+
+    char* again = static_cast<char*>(connection_pool::allocate(size));
+    ASSERT_EQ(again, noted);
+    std::memset(again, 'x', size);
+    connection_pool::deallocate(again, size);
+    EXPECT_LE(resident_pages(again, size), 4U);
+}
+
+TEST(connection_pool, a_note_about_memory_of_somebody_else_is_ignored) {
+    constexpr std::size_t size = mib + 700;
+    char* slot = static_cast<char*>(connection_pool::allocate(size));
+    std::vector<char> elsewhere(64);
+    connection_pool::note_untouched(elsewhere.data(), elsewhere.data() + elsewhere.size());
+    connection_pool::note_untouched(slot - 64 * mib, slot - 63 * mib);
+    connection_pool::deallocate(slot, size);
 }
 
 TEST(connection_pool, a_part_of_a_slot_in_use_gives_its_pages_back) {
     constexpr std::size_t size = mib + 700;
     char* slot = static_cast<char*>(connection_pool::allocate(size));
     std::memset(slot, 'x', size);
-    connection_pool::give_back_pages(slot + 57, slot + mib, slot + mib);
+    connection_pool::release_pages(slot + 57, slot + mib, slot + mib);
     EXPECT_EQ(std::count(slot, slot + 57, 'x'), 57) << "what lies before it stays";
     EXPECT_EQ(std::count(slot + mib, slot + size, 'x'), 700) << "and what lies behind";
     EXPECT_LE(resident_pages(slot, size), 4U);
-    connection_pool::release(slot, size);
+    connection_pool::deallocate(slot, size);
 }
 
 TEST(connection_pool, a_crowd_that_has_left_leaves_little_behind) {
@@ -114,7 +129,7 @@ TEST(connection_pool, a_crowd_that_has_left_leaves_little_behind) {
         slots.push_back(static_cast<char*>(connection_pool::allocate(size)));
         slots.back()[0] = slots.back()[size - 1] = 'x';
     }
-    for (char* slot : slots) connection_pool::release(slot, size);
+    for (char* slot : slots) connection_pool::deallocate(slot, size);
     std::size_t pages = 0;
     for (char* slot : slots) pages += resident_pages(slot, size);
     EXPECT_LE(pages, 4 * (connection_pool::warm_slots_max + 64));
@@ -128,7 +143,7 @@ TEST(connection_pool, slots_stand_at_many_offsets_of_a_page) {
         offsets.insert(reinterpret_cast<std::uintptr_t>(slots.back()) % page);
     }
     EXPECT_GE(offsets.size(), 32U);
-    for (void* slot : slots) connection_pool::release(slot, mib + 300);
+    for (void* slot : slots) connection_pool::deallocate(slot, mib + 300);
 }
 
 struct untidy_connection : connection {

@@ -32,7 +32,7 @@ TEST(proxy_connection, on_a_message_socket_is_read_until_nothing_is_left) {
     sockets::select_all();
     home.update();
     EXPECT_TRUE(pipe->to_client == "onetwothree") << std::string(pipe->to_client);
-    proxy_pipe::release(pipe, &proxy_pipe::to_client);
+    --pipe->refs;
 }
 
 } // namespace

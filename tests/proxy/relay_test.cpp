@@ -109,14 +109,16 @@ TEST_F(relay_test, an_answer_larger_than_a_send_buffer_is_delivered_in_pieces_of
 }
 
 TEST_F(relay_test, an_answer_of_one_more_than_the_capacity_keeps_one_byte) {
-    proxy_pipe pipe(1);
-    pipe.to_client += "12345";
+    attach();
+    conn_->pipe->to_client += "12345";
+    conn_->pipe->refs = 1;
     char out[4];
     int length = 0;
-    EXPECT_TRUE(pipe.send_from(pipe.to_client, out, 4, &length));
+    EXPECT_TRUE(conn_->on_send(out, 4, &length));
     EXPECT_EQ(std::string(out, 4), "1234");
-    EXPECT_FALSE(pipe.send_from(pipe.to_client, out, 4, &length)) << "the only holder, and empty";
+    EXPECT_FALSE(conn_->on_send(out, 4, &length)) << "the only holder, and empty";
     EXPECT_EQ(length, 1);
+    conn_->pipe->refs = 2;
 }
 
 TEST_F(relay_test, a_backend_that_answers_and_closes_closes_the_client_behind_the_last_byte) {

@@ -73,7 +73,9 @@ class late_result : public deferred_result {};
 // Answers requests from its queue. Rests.
 class answerer : public recorded<http_connection> {
 public:
-    answerer(world& home, int number) : recorded(home, number) { may_rest_as(typeid(answerer)); }
+    answerer(world& home, int number) : recorded(home, number) {
+        quiet_when<answerer>([](const answerer& conn) { return conn.is_quiet(); });
+    }
 
     void on_headers() override {
         if (url == "/hurry") timeout = 0;
@@ -124,7 +126,9 @@ private:
 // Publishes what it is told to all of its kind. Rests.
 class member : public recorded<http_connection> {
 public:
-    member(world& home, int number) : recorded(home, number) { may_rest_as(typeid(member)); }
+    member(world& home, int number) : recorded(home, number) {
+        quiet_when<member>([](const member& conn) { return conn.is_quiet(); });
+    }
 
     void on_upgrade() override;
     void on_message() override;
@@ -137,7 +141,9 @@ public:
 // Relays to backends that are socket pairs. Rests.
 class relay : public recorded<http_proxy> {
 public:
-    relay(world& home, int number) : recorded(home, number) { may_rest_as(typeid(relay)); }
+    relay(world& home, int number) : recorded(home, number) {
+        quiet_when<relay>([](const relay& conn) { return conn.pipe->to_client.empty(); });
+    }
 
     void on_headers() override;
 
@@ -532,13 +538,14 @@ TEST_P(walks_test, leave_out_no_call_but_those_that_would_do_nothing) {
 // Rests after its first turns, and no longer from then on.
 class restless : public connection {
 public:
-    restless() { may_rest_as(typeid(restless)); }
+    restless() {
+        quiet_when<restless>([](const restless& conn) { return conn.calm; });
+    }
 
     void on_recv(char* /*data*/, int /*length*/) override { calm = false; }
 
     bool on_send(char* /*buffer*/, int /*capacity*/, int* /*length*/) override {
         ++asked;
-        if (calm) rest();
         return true;
     }
 
@@ -602,7 +609,7 @@ TEST_F(rest_test, is_taken_by_a_backend_that_has_handed_over_everything) {
     auto* const backend = new proxy_connection(-1, pipe);
     world_.enter(backend);
     turn();
-    pipe->to_backend.on_arrival(nullptr, nullptr);
+    pipe->to_backend.set_listener(nullptr, nullptr);
     pipe->to_backend += "secret";
     busy_turn();
     busy_turn();
@@ -610,7 +617,7 @@ TEST_F(rest_test, is_taken_by_a_backend_that_has_handed_over_everything) {
     backend->wake();
     busy_turn();
     EXPECT_EQ(pipe->to_backend.size(), 0U);
-    proxy_pipe::release(pipe, &proxy_pipe::to_client);
+    --pipe->refs;
 }
 
 TEST_F(rest_test, does_not_outlast_a_wait_that_found_nothing) {

@@ -42,11 +42,8 @@ public:
 /// The same of a class that is left alone while it has nothing to send.
 class resting_connection : public scripted_connection {
 public:
-    resting_connection() { may_rest_as(typeid(resting_connection)); }
-
-    bool on_send(char* buffer, int capacity, int* length) override {
-        const bool stays = scripted_connection::on_send(buffer, capacity, length);
-        if (*length == 0) rest();
-        return stays;
+    resting_connection() {
+        quiet_when<resting_connection>(
+            [](const resting_connection& conn) { return conn.output.empty(); });
     }
 };

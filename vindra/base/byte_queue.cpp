@@ -41,8 +41,8 @@ byte_queue::~byte_queue() {
     clear();
 }
 
-void byte_queue::give_back_pages() {
-    block_store::shared().trim();
+void byte_queue::release_pages() {
+    block_store::shared().release_pages();
 }
 
 void byte_queue::append(const char* bytes, std::size_t length) {

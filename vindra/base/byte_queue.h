@@ -12,7 +12,7 @@ namespace base {
 ///
 /// Behaves as one byte string; costs as a queue: taking from the front never moves what
 /// stays, and a drained queue holds no memory. Bytes lie in blocks of 64 KiB that all queues
-/// of the process share, and whose pages give_back_pages() returns. One thread uses them.
+/// of the process share, and whose pages release_pages() returns. One thread uses them.
 class VINDRA_API byte_queue {
 public:
     byte_queue() = default;
@@ -41,17 +41,16 @@ public:
 
     /// Returns the pages of blocks that no queue has needed since the last call to the kernel,
     /// but for a few mebibytes. A server calls it once a second.
-    static void give_back_pages();
+    static void release_pages();
 
-    /// Has `call(context)` run whenever bytes come to wait where there were none, just after
-    /// they have come; null for `call` ends that. One listener at a time, which stays in force
-    /// until then: `context` has to live as long.
-    void on_arrival(void (*call)(void*), void* context) {
+    /// Sets the function called when the queue goes from empty to non-empty; null clears it. There
+    /// is one at a time, and `context` has to live as long as it is set.
+    void set_listener(void (*call)(void*), void* context) {
         listener_ = call;
         listener_context_ = context;
     }
 
-    /// Runs what on_arrival() has set, if anything.
+    /// Calls the listener, if there is one.
     void announce() const {
         if (listener_ != nullptr) listener_(listener_context_);
     }

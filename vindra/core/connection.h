@@ -1,7 +1,7 @@
 #pragma once
 
 #include "vindra/base/export.h"
-#include "vindra/core/roster.h"
+#include "vindra/core/seat.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -51,8 +51,8 @@ public:
     /// Runs after the socket is closed and the server's on_remove() has returned.
     virtual ~connection();
 
-    /// Has on_send() called in the send pass under way, or in the next one where that has come
-    /// past this connection. Only a connection that rests needs it; see may_rest_as().
+    /// Makes the server call on_send() in the current send pass, or in the next one if this pass is
+    /// already beyond this connection. Only a quiet connection needs it; see quiet_when().
     void wake();
 
     /// The connection that a server is handling at this moment; null outside an update.
@@ -88,9 +88,9 @@ public:
     /// The last answer of on_send(): false once this connection ends when its buffer drains.
     bool more = false;
 
-    /// Bytes on their way out: [send_offset, send_offset + send_length). Written to by on_send()
-    /// alone, and by no server, but for a class that has called may_rest_as(). Not cleared by
-    /// the constructor, so that a page nobody writes to is never touched.
+    /// Bytes on their way out: [send_offset, send_offset + send_length). Only on_send() writes
+    /// here. A server clears it only for a class that has called quiet_when(). The constructor
+    /// leaves it alone, so a page that nobody writes to is never touched.
     char send_buffer[send_buffer_size];
 
     /// Seconds without activity after which the server ends this connection; it does so once
@@ -98,39 +98,31 @@ public:
     int timeout = 10;
 
 protected:
-    /// For the constructor of a class whose on_send() calls rest() when it has nothing to give
-    /// until new input arrives or wake() is called, writes nothing into the buffer behind
-    /// the bytes that it gives, and expects nothing of what stood there before. A busy server then
-    /// leaves connections of exactly that class, `own_class` being its typeid, alone meanwhile, and
-    /// clears the buffer of one that has sent nothing for a while. Those of classes derived from it
-    /// are asked every turn and keep what they wrote, whatever their base says, unless they call
-    /// this too.
-    void may_rest_as(const std::type_info& own_class) { resting_class_ = &own_class; }
-
-    /// For on_send(), together with an answer of true and no bytes.
-    void rest() { rests_ = true; }
+    /// Call this in the constructor of a class, `Own`, that keeps two promises: on_send() gives
+    /// nothing while `is_quiet(conn)` is true, until bytes arrive or wake() is called; and it never
+    /// writes past the bytes it reports, nor expects to find there what it wrote before.
+    ///
+    /// A server with many connections then stops calling on_send() of a quiet one, and clears its
+    /// buffer once it has sent nothing for a while. `is_quiet` is a lambda without captures that
+    /// takes a `const Own&`. A derived class is asked every turn unless it makes the call itself.
+    template <typename Own, typename Test>
+    void quiet_when(Test /*is_quiet*/) {
+        seat_.promised_by = &typeid(Own);
+        seat_.is_quiet = [](const connection& conn) {
+            return Test{}(static_cast<const Own&>(conn));
+        };
+    }
 
 private:
-    friend class roster;
-    friend class server_base;
+    friend struct seat;
 
-    void begin_asking_() {
-        rests_ = false;
-        if (!asked_) find_out_whether_it_may_rest_();
-    }
-    void find_out_whether_it_may_rest_();
-    void prefetch_() const;
-    void note_buffer_use_();
-    void trim_send_buffer_();
-
-    roster::entry roster_entry_;
-    const std::type_info* resting_class_ = nullptr;
-    bool asked_ = false;
-    /// This object is of the class that called may_rest_as() last. Known once it is asked.
-    bool may_rest_ = false;
-    /// The last on_send() has called rest().
-    bool rests_ = false;
-    /// How far `send_buffer` has been filled since its pages were last given back, as far as
-    /// `send_offset` and `send_length` have shown.
-    int send_buffer_used_ = 0;
+    seat seat_;
 };
+
+inline seat& seat::of(connection& conn) {
+    return conn.seat_;
+}
+
+inline const seat& seat::of(const connection& conn) {
+    return conn.seat_;
+}

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <cstring>
 #include <new>
-#include <utility>
 #include <vector>
 
 #include <sys/mman.h>
@@ -55,27 +54,24 @@ void unpoison([[maybe_unused]] char* begin, [[maybe_unused]] std::size_t size) {
 #endif
 }
 
-// Hands the whole pages of [begin, end) back to the kernel; they read zero from then on.
-void discard(char* begin, char* end) {
+// The whole pages of [begin, end) go back to the kernel; they read zero from then on.
+void release(char* begin, char* end) {
     if (begin < end) madvise(begin, static_cast<std::size_t>(end - begin), MADV_DONTNEED);
 }
+
+struct slot_state {
+    bool in_use = false;
+    /// Nothing was ever written to this part of the object.
+    char* untouched = nullptr;
+    char* untouched_end = nullptr;
+};
 
 // A stretch of mapped memory that is cut into slots from the front.
 struct region {
     char* begin;
     std::size_t slots_cut = 0;
-    bool in_use[slots_per_region] = {};
+    slot_state slots[slots_per_region] = {};
 };
-
-// A part of an object that nothing was ever written to.
-struct gap {
-    const void* storage = nullptr;
-    char* begin = nullptr;
-    char* end = nullptr;
-};
-
-// Of the object whose destructor ran last.
-gap noted;
 
 // All slots of one size.
 class slot_class {
@@ -88,15 +84,27 @@ public:
         char* slot = free_.empty() ? cut() : free_.back();
         if (!free_.empty()) free_.pop_back();
         assert(reinterpret_cast<std::uintptr_t>(slot) % cache_line == 0);
-        mark(slot, true);
+        slot_state& state = *find(slot);
+        assert(!state.in_use);
+        state = {true, slot, slot};
         return slot;
     }
 
-    void give_back(char* slot, std::size_t size, const gap& untouched) {
-        wipe(slot, size, untouched);
-        mark(slot, false);
-        if (free_.size() >= warm_slots_max) discard_all_pages(slot);
+    void put_back(char* slot, std::size_t size) {
+        slot_state& state = *find(slot);
+        assert(state.in_use);
+        wipe(slot, size, state.untouched, state.untouched_end);
+        state.in_use = false;
+        if (free_.size() >= warm_slots_max) release_all_pages(slot);
         free_.push_back(slot);
+    }
+
+    // The slot around `address`; null if it is none of this class.
+    slot_state* find(const char* address) {
+        region* const r = region_of(address);
+        if (r == nullptr) return nullptr;
+        const std::size_t index = index_in(*r, address);
+        return index < r->slots_cut ? &r->slots[index] : nullptr;
     }
 
 private:
@@ -131,24 +139,21 @@ private:
         return regions_[newest_];
     }
 
-    region& region_of(const char* slot) {
-        const auto next = std::upper_bound(
-            regions_.begin(), regions_.end(), slot,
-            [](const char* address, const region& r) { return address < r.begin; });
-        return *(next - 1);
+    // The last region that begins at or before `address`.
+    region* region_of(const char* address) {
+        const auto next =
+            std::upper_bound(regions_.begin(), regions_.end(), address,
+                             [](const char* wanted, const region& r) { return wanted < r.begin; });
+        return next == regions_.begin() ? nullptr : &*(next - 1);
     }
 
-    void mark(const char* slot, bool used) {
-        region& r = region_of(slot);
-        const auto offset = static_cast<std::size_t>(slot - r.begin);
-        assert(offset % stride_ == 0 && offset / stride_ < r.slots_cut);
-        assert(r.in_use[offset / stride_] != used);
-        r.in_use[offset / stride_] = used;
+    std::size_t index_in(const region& r, const char* address) const {
+        return static_cast<std::size_t>(address - r.begin) / stride_;
     }
 
-    static void wipe(char* slot, std::size_t size, const gap& untouched) {
+    static void wipe(char* slot, std::size_t size, char* untouched, char* untouched_end) {
         char* const end = slot + size;
-        assert(untouched.begin >= slot && untouched.begin <= untouched.end && untouched.end <= end);
+        assert(slot <= untouched && untouched <= untouched_end && untouched_end <= end);
         char* const cold_begin = page_ceiling(slot + std::min(warm_head, size));
         char* const cold_end = page_floor(end - std::min(warm_tail, size));
         if (cold_begin >= cold_end) {
@@ -156,20 +161,20 @@ private:
             return;
         }
         std::memset(slot, 0, static_cast<std::size_t>(cold_begin - slot));
-        discard(cold_begin, std::min(page_ceiling(untouched.begin), cold_end));
-        discard(std::max(page_floor(untouched.end), cold_begin), cold_end);
+        release(cold_begin, std::min(page_ceiling(untouched), cold_end));
+        release(std::max(page_floor(untouched_end), cold_begin), cold_end);
         std::memset(cold_end, 0, static_cast<std::size_t>(end - cold_end));
     }
 
     // A page at either edge is shared with a neighbour and can go only when that one is
     // free as well; free slots are all zero, so nothing is lost of it.
-    void discard_all_pages(char* slot) {
-        const region& r = region_of(slot);
-        const std::size_t index = static_cast<std::size_t>(slot - r.begin) / stride_;
-        const bool alone_before = index == 0 || !r.in_use[index - 1];
-        const bool alone_behind = index + 1 == slots_per_region || !r.in_use[index + 1];
+    void release_all_pages(char* slot) {
+        const region& r = *region_of(slot);
+        const std::size_t index = index_in(r, slot);
+        const bool alone_before = index == 0 || !r.slots[index - 1].in_use;
+        const bool alone_behind = index + 1 == slots_per_region || !r.slots[index + 1].in_use;
         char* const end = slot + stride_;
-        discard(alone_before ? page_floor(slot) : page_ceiling(slot),
+        release(alone_before ? page_floor(slot) : page_ceiling(slot),
                 alone_behind ? page_ceiling(end) : page_floor(end));
     }
 
@@ -189,13 +194,17 @@ std::size_t stride_for(std::size_t size) {
     return (lines | 1) * cache_line;
 }
 
+// Never destroyed: connections may be deleted while the process exits.
+std::vector<slot_class>& classes() {
+    static std::vector<slot_class>& all = *new std::vector<slot_class>;
+    return all;
+}
+
 slot_class& class_for(std::size_t size) {
-    // Never destroyed: connections may be deleted while the process exits.
-    static std::vector<slot_class>& classes = *new std::vector<slot_class>;
     const std::size_t stride = stride_for(size);
-    for (slot_class& c : classes)
+    for (slot_class& c : classes())
         if (c.stride() == stride) return c;
-    return classes.emplace_back(stride);
+    return classes().emplace_back(stride);
 }
 
 } // namespace
@@ -206,20 +215,24 @@ void* allocate(std::size_t size) {
     return slot;
 }
 
-void release(void* storage, std::size_t size) {
+void deallocate(void* storage, std::size_t size) {
     char* slot = static_cast<char*>(storage);
-    const gap none{storage, slot, slot};
-    const gap untouched = std::exchange(noted, gap{});
-    class_for(size).give_back(slot, size, untouched.storage == storage ? untouched : none);
+    class_for(size).put_back(slot, size);
     poison(slot, size);
 }
 
-void give_back_pages(char* begin, char* used_end, char* end) {
-    discard(page_ceiling(begin), std::min(page_ceiling(used_end), page_floor(end)));
+void note_untouched(char* begin, char* end) {
+    for (slot_class& c : classes()) {
+        slot_state* const state = c.find(begin);
+        if (state == nullptr) continue;
+        state->untouched = begin;
+        state->untouched_end = end;
+        return;
+    }
 }
 
-void note_untouched(const void* storage, char* begin, char* end) {
-    noted = {storage, begin, end};
+void release_pages(char* begin, char* used_end, char* end) {
+    release(page_ceiling(begin), std::min(page_ceiling(used_end), page_floor(end)));
 }
 
 } // namespace connection_pool

@@ -4,33 +4,32 @@
 
 /// Storage for connection objects: slots of a little over 1 MiB in mapped memory.
 ///
-/// A slot is all zero when it is handed out. Only what a connection touches becomes resident,
-/// slots stand at ever different offsets of a page (objects at one offset fight for the same
-/// few cache sets), and the tail of one shares its page with the head of the next. While a
-/// slot is free the address sanitizer sees it as poisoned. Address space is never given back;
-/// pages are.
+/// A slot is all zero when it is handed out. Only what a connection touches becomes resident. Slots
+/// stand at ever different offsets of a page, because objects at one offset fight for the same few
+/// cache sets. The tail of one shares its page with the head of the next. While a slot is free the
+/// address sanitizer sees it as poisoned. Pages go back to the kernel, address space never does.
 ///
-/// Used by connection's `operator new` and `operator delete` alone. One thread uses it.
+/// Used by `operator new` and `operator delete` of connection, and for its send buffer. One thread
+/// uses it.
 namespace connection_pool {
 
-/// `size` zero bytes, aligned to a cache line, until release().
+/// `size` zero bytes, aligned to a cache line, until deallocate().
 void* allocate(std::size_t size);
 
-/// Takes `storage` back, `size` being what it was allocated with. Its bytes are wiped, and
-/// the pages between its first and its last ones returned to the kernel, unless
-/// note_untouched() has said that they never came.
-void release(void* storage, std::size_t size);
+/// Takes `storage` back; `size` is what it was allocated with. Wipes it: its first and last pages
+/// are set to zero, those between released.
+void deallocate(void* storage, std::size_t size);
 
-/// Hands the pages of [begin, used_end) back to the kernel, all that lie within [begin, end): they
-/// read zero from then on. For the send buffer of a slot in use.
-void give_back_pages(char* begin, char* used_end, char* end);
+/// Nothing was ever written to [begin, end), which lies in one slot: its deallocate() need not wipe
+/// those bytes. Ignored for an object that lies in no slot.
+void note_untouched(char* begin, char* end);
 
-/// Says of the object at `storage`, just before its release(), that nothing has been written to
-/// [begin, end) of it, so that nothing need be wiped there.
-void note_untouched(const void* storage, char* begin, char* end);
+/// Releases the whole pages of [begin, used_end) to the kernel, and the one around `used_end` if it
+/// lies within [begin, end): they read zero from then on. For the send buffer of a slot in use.
+void release_pages(char* begin, char* used_end, char* end);
 
 /// Free slots that keep their first and last pages for the next connection; the pages of
-/// those beyond are returned too.
+/// those beyond are released too.
 constexpr std::size_t warm_slots_max = 128;
 
 } // namespace connection_pool

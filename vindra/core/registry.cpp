@@ -18,7 +18,7 @@ namespace sockets {
 
 namespace {
 
-// What the classic wait counts as readable, writable and exceptional.
+// What select(2) counts as readable, writable and exceptional.
 constexpr unsigned read_events = EPOLLIN | EPOLLRDNORM | EPOLLRDBAND | EPOLLHUP | EPOLLERR;
 constexpr unsigned write_events = EPOLLOUT | EPOLLWRNORM | EPOLLWRBAND | EPOLLERR;
 constexpr unsigned urgent_events = EPOLLPRI;
@@ -26,7 +26,7 @@ constexpr unsigned end_events = EPOLLRDHUP | EPOLLHUP | EPOLLERR;
 
 static_assert(EPOLLIN == POLLIN && EPOLLOUT == POLLOUT && EPOLLPRI == POLLPRI &&
                   EPOLLHUP == POLLHUP && EPOLLERR == POLLERR,
-              "answers of poll() and news of epoll are read by the same masks");
+              "answers of poll() and events of epoll are read by the same masks");
 
 std::uint64_t pack(int fd, std::uint32_t life) {
     return std::uint64_t{life} << 32 | static_cast<std::uint32_t>(fd);
@@ -127,10 +127,25 @@ bool registry::is_tcp(int fd) {
     return tcp;
 }
 
-bool registry::is_emptied_by_short_read(int fd) {
-    if (!all.test(fd)) return false;
-    const watch& w = at(fd);
-    return w.tcp && !w.ending;
+registry::reading::reading(int fd) {
+    instance().being_read_ = fd;
+    instance().read_out_ = -1;
+}
+
+registry::reading::~reading() {
+    instance().being_read_ = instance().read_out_ = -1;
+}
+
+// Otherwise every second read would only return EAGAIN. A short TCP read means empty, and later
+// bytes raise an event. A pending end raises none, so it needs the second read. So does any error
+// but EAGAIN: a refused connection gives -1 and then 0.
+void registry::on_read(int fd, std::ptrdiff_t count, int room) {
+    if (!all.test(fd)) return;
+    watch& w = at(fd);
+    const bool is_short = count > 0 && count < room;
+    const bool would_block = count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+    if (is_short && fd == being_read_ && w.tcp && !w.ending) read_out_ = fd;
+    if (would_block || fd == read_out_) w.may_read = false;
 }
 
 bool registry::wait(int milliseconds) {
@@ -145,7 +160,7 @@ bool registry::wait(int milliseconds) {
     if (waited) return true;
     clear_results();
     num_ready = -1;
-    // The work that nobody has news of is still there.
+    // The work that no socket reports is still there.
     hurried_ = hurried;
     return false;
 }
@@ -158,8 +173,8 @@ void registry::clear_results() {
     assert(descriptor_set::is_empty(readable, writable, errors));
 }
 
-// The kernel's news may be of nothing that was asked for: that a new socket can be written to, or
-// of bytes that have been read since. The wait goes on then.
+// Events may be about nothing that was asked for: a new socket can be written to, or bytes have
+// been read since. The wait goes on then.
 bool registry::find_ready_within(int milliseconds) {
     using std::chrono::steady_clock;
     const auto end = steady_clock::now() + std::chrono::milliseconds(milliseconds);
@@ -175,12 +190,12 @@ bool registry::find_ready_within(int milliseconds) {
 bool registry::find_ready(int milliseconds) {
     answered_ = false;
     if (!apply_changes()) return false;
-    gather_questions();
-    if (questions_.empty()) return take_news(milliseconds);
+    gather_queries();
+    if (queries_.empty()) return take_events(milliseconds);
 
-    bool news = false;
-    if (!ask(milliseconds, news)) return false;
-    return !news || take_news(0);
+    bool has_events = false;
+    if (!query(milliseconds, has_events)) return false;
+    return !has_events || take_events(0);
 }
 
 // Tells the kernel what has come and gone since the last wait. What it refuses stays in
@@ -212,93 +227,93 @@ bool registry::tell_kernel(int fd, watch& w) {
     epoll_event event{};
     event.events = EPOLLIN | EPOLLOUT | EPOLLPRI | EPOLLRDHUP | EPOLLET;
     event.data.u64 = pack(fd, w.life);
-    // A number that was set twice is still watched; changing it brings its state as news
-    // once more, as adding it does.
+    // A number that was set twice is still watched. Changing it raises its events once more, as
+    // adding it does.
     w.watched = epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event) == 0 ||
                 (errno == EEXIST && epoll_ctl(epoll_, EPOLL_CTL_MOD, fd, &event) == 0);
     if (w.watched) return true;
     if (errno != EPERM) return false;
 
-    // A regular file cannot be watched and has no news: it is ready whenever asked.
+    // A regular file cannot be watched and raises no events: it is ready whenever queried.
     w.watched = true;
     w.may_read = true;
-    list_unsettled(fd, w);
+    list_undrained(fd, w);
     return true;
 }
 
-void registry::list_unsettled(int fd, watch& w) {
-    if (!w.listed) unsettled_.push_back(fd);
+void registry::list_undrained(int fd, watch& w) {
+    if (!w.listed) undrained_.push_back(fd);
     w.listed = true;
 }
 
-// One question for each descriptor: poll() refuses more of them than a process may have open.
-void registry::gather_questions() {
-    questions_.clear();
+// One query for each descriptor: poll() refuses more of them than a process may have open.
+void registry::gather_queries() {
+    queries_.clear();
 
     std::size_t kept = 0;
-    for (const int fd : unsettled_) {
+    for (const int fd : undrained_) {
         watch& w = at(fd);
         assert(w.listed);
         w.listed = all.test(fd) && (w.may_read || w.may_be_urgent);
         if (!w.listed) continue;
-        unsettled_[kept++] = fd;
+        undrained_[kept++] = fd;
         const int events = (w.may_read ? POLLIN : 0) | (w.may_be_urgent ? POLLPRI : 0) |
                            (marked_.test(fd) && !w.full ? POLLOUT : 0);
-        questions_.push_back({fd, static_cast<short>(events), 0});
+        queries_.push_back({fd, static_cast<short>(events), 0});
     }
-    unsettled_.resize(kept);
+    undrained_.resize(kept);
 
-    const auto ask_whether_writable = [this](int fd) {
+    const auto query_writable = [this](int fd) {
         if (all.test(fd) && (at(fd).full || at(fd).listed)) return;
-        questions_.push_back({fd, POLLOUT, 0});
+        queries_.push_back({fd, POLLOUT, 0});
     };
-    descriptor_set::for_each(ask_whether_writable, marked_);
+    descriptor_set::for_each(query_writable, marked_);
 }
 
-// Asks about all that is open, and in the same call whether the kernel has news: a turn that
-// only writes then needs no second one.
-bool registry::ask(int milliseconds, bool& news) {
-    questions_.push_back({epoll_, POLLIN, 0});
-    const int count = put_questions(milliseconds);
+// Asks in the same call whether the kernel has events: a turn that only writes then needs no second
+// one.
+bool registry::query(int milliseconds, bool& has_events) {
+    queries_.push_back({epoll_, POLLIN, 0});
+    const int count = poll_queries(milliseconds);
     answered_ = count > 0;
     if (count < 0) return false;
 
-    news = questions_.back().revents != 0;
-    questions_.pop_back();
-    for (const pollfd& q : questions_) on_answer(q.fd, q.events, q.revents);
+    has_events = queries_.back().revents != 0;
+    queries_.pop_back();
+    for (const pollfd& q : queries_) on_answer(q.fd, q.events, q.revents);
     return true;
 }
 
-int registry::put_questions(int milliseconds) {
-    const int count = poll(questions_.data(), questions_.size(), milliseconds);
-    return count < 0 && errno == EINVAL ? put_in_portions(milliseconds) : count;
+int registry::poll_queries(int milliseconds) {
+    const int count = poll(queries_.data(), queries_.size(), milliseconds);
+    return count < 0 && errno == EINVAL ? poll_in_portions(milliseconds) : count;
 }
 
-// For a process whose limit of descriptors was lowered below what it has open. Each portion is
-// only looked at; the sleep is left to the last question, the one whether the kernel has news.
-// That covers all that is watched: a "no" means that news will come.
-int registry::put_in_portions(int milliseconds) {
+// For a process whose limit of descriptors was lowered below what it has open. No portion sleeps;
+// only the last query does, the one whether the kernel has events. It covers all that is watched:
+// after a "no" an event will come.
+int registry::poll_in_portions(int milliseconds) {
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
     const std::size_t most = std::max<std::size_t>(limit.rlim_cur, 1);
     int sum = 0;
-    for (std::size_t at = 0; at < questions_.size(); at += most) {
-        const std::size_t length = std::min(most, questions_.size() - at);
-        const int count = poll(&questions_[at], length, 0);
+    for (std::size_t at = 0; at < queries_.size(); at += most) {
+        const std::size_t length = std::min(most, queries_.size() - at);
+        const int count = poll(&queries_[at], length, 0);
         if (count < 0) return count;
         sum += count;
     }
-    return sum > 0 || milliseconds == 0 ? sum : poll(&questions_.back(), 1, milliseconds);
+    return sum > 0 || milliseconds == 0 ? sum : poll(&queries_.back(), 1, milliseconds);
 }
 
-bool registry::take_news(int milliseconds) {
+bool registry::take_events(int milliseconds) {
     // Room for every watched descriptor, so that one call brings all there is.
-    if (news_.size() < watches_.size() + 1) news_.resize(watches_.size() + 1);
+    if (events_.size() < watches_.size() + 1) events_.resize(watches_.size() + 1);
 
     const int count =
-        epoll_wait(epoll_, news_.data(), static_cast<int>(news_.size()), milliseconds);
+        epoll_wait(epoll_, events_.data(), static_cast<int>(events_.size()), milliseconds);
     if (count > 0) answered_ = true;
-    for (int i = 0; i < count; ++i) on_news(news_[static_cast<std::size_t>(i)]);
+    for (int i = 0; i < count; ++i) on_event(events_[static_cast<std::size_t>(i)]);
     return count >= 0;
 }
 
@@ -319,8 +334,8 @@ void registry::on_answer(int fd, short asked, short answer) {
     }
 }
 
-// An answer that is none: the number of no descriptor, or the reading end of a pipe. It would be
-// the same at once, so this wait does not ask again.
+// A number that is no descriptor, or the reading end of a pipe, answers with something else. It
+// would do so again at once, so this wait does not query it twice.
 void registry::on_answer_of_writing(int fd, unsigned events) {
     if ((events & write_events) != 0) {
         report(writable, fd);
@@ -329,10 +344,10 @@ void registry::on_answer_of_writing(int fd, unsigned events) {
     }
 }
 
-void registry::on_news(const epoll_event& event) {
+void registry::on_event(const epoll_event& event) {
     const int fd = static_cast<int>(event.data.u64 & 0xFFFFFFFFU);
     watch& w = at(fd);
-    // News of a socket that was closed here but lives on as a copy somewhere else.
+    // An event of a socket that was closed here but lives on as a copy somewhere else.
     if (!all.test(fd) || event.data.u64 != pack(fd, w.life)) return;
 
     if ((event.events & end_events) != 0) w.ending = true;
@@ -348,7 +363,7 @@ void registry::on_news(const epoll_event& event) {
         w.full = false;
         if (marked_.test(fd)) report(writable, fd);
     }
-    if (w.may_read || w.may_be_urgent) list_unsettled(fd, w);
+    if (w.may_read || w.may_be_urgent) list_undrained(fd, w);
 }
 
 void registry::report(descriptor_set& result, int fd) {

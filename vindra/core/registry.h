@@ -11,14 +11,14 @@ struct pollfd;
 
 namespace sockets {
 
-/// What stands behind the five sets: edge-triggered epoll that answers like a plain wait.
+/// Edge-triggered epoll that behaves like select(2).
 ///
-/// The kernel tells of news once. From then on a descriptor is *unsettled*: there may be more
-/// to read, so it is asked about with poll() at each wait, until either the answer is no or
-/// whoever reads says so first (drained()). A descriptor in `ready` is asked about in the same
-/// call, unless its writer has met a full socket (filled()) and no news has come since.
+/// The kernel reports an event once. From then on there may be more to read, so each wait queries
+/// the descriptor with poll(), until it is *drained*: poll() said no, or a reader said so first. A
+/// descriptor in `ready` is queried in the same call, unless it is *full*: its writer has met
+/// EAGAIN, and no event has come since.
 ///
-///     news from epoll -> unsettled -- poll() says no, or drained() --> settled -> news ...
+///     event -> may be read -- poll() says no, or drained() --> drained -> event ...
 ///
 /// So nothing is missed that others leave behind, nothing is reported that is no longer
 /// there, and a connection with nothing to do costs nothing.
@@ -47,20 +47,35 @@ public:
     /// Opens what close_but_keep() needs, so that it can be had when descriptors are short.
     void prepare_to_keep();
 
+    /// There is nothing more to read from `fd` until the kernel reports an event.
     void drained(int fd);
+
+    /// There is no room to write to `fd` until the kernel reports an event.
     void filled(int fd);
 
-    /// Has `fd`, a member of `all`, known as a TCP socket.
+    /// Makes `fd`, a member of `all`, known as a TCP socket.
     void note_tcp(int fd);
 
     /// True when `fd` is a TCP socket. Asks the kernel unless that is known of a member of `all`.
     bool is_tcp(int fd);
 
-    /// True when a read from `fd` that brought less than there was room for has left nothing
-    /// behind: only TCP says so, and only while no end or error is on its way.
-    bool is_emptied_by_short_read(int fd);
+    /// One visit's reads from a descriptor. While this lives, a TCP read that brings less than it
+    /// has room for counts as the last: the next one would only meet EAGAIN.
+    class reading {
+    public:
+        explicit reading(int fd);
+        reading(const reading&) = delete;
+        reading& operator=(const reading&) = delete;
+        ~reading();
+    };
 
-    /// Makes the next wait a look.
+    /// True when the next read from `fd` in this visit need not be made.
+    bool is_read_out(int fd) const { return fd >= 0 && fd == read_out_; }
+
+    /// A read from `fd`, with room for `room` bytes, has just returned `count`; errno is its own.
+    void on_read(int fd, std::ptrdiff_t count, int room);
+
+    /// Makes the next wait return at once.
     void hurry() { hurried_ = true; }
 
     /// The last wait has lasted to its end and found nothing.
@@ -98,7 +113,7 @@ private:
         bool watched = false;
         /// Stands in `changed_`.
         bool changed = false;
-        /// Stands in `unsettled_`.
+        /// Stands in `undrained_`.
         bool listed = false;
         /// There may be something to read, or urgent data.
         bool may_read = false;
@@ -115,33 +130,38 @@ private:
 
     watch& at(int fd);
     void clear_results();
+    /// Until there is a result or the time is over.
     bool find_ready_within(int milliseconds);
     bool find_ready(int milliseconds);
     bool apply_changes();
     bool tell_kernel(int fd, watch& w);
-    void list_unsettled(int fd, watch& w);
-    void gather_questions();
-    bool ask(int milliseconds, bool& news);
-    int put_questions(int milliseconds);
-    int put_in_portions(int milliseconds);
-    bool take_news(int milliseconds);
+    void list_undrained(int fd, watch& w);
+    void gather_queries();
+    bool query(int milliseconds, bool& has_events);
+    int poll_queries(int milliseconds);
+    int poll_in_portions(int milliseconds);
+    bool take_events(int milliseconds);
     void on_answer(int fd, short asked, short answer);
     void on_answer_of_writing(int fd, unsigned events);
-    void on_news(const epoll_event& event);
+    void on_event(const epoll_event& event);
     void report(descriptor_set& result, int fd);
 
-    /// The kernel had something to say before its time was over, be it nothing that was asked for.
+    /// The kernel returned early, even if only with events nobody asked for.
     bool answered_ = false;
     bool hurried_ = false;
     bool idle_ = false;
+    /// The descriptor of the `reading` that lives, and the same once a read has emptied it; else
+    /// -1.
+    int being_read_ = -1;
+    int read_out_ = -1;
     int epoll_ = -1;
     /// What stands in for a closed descriptor; -1 before it is needed.
     int stand_in_ = -1;
     std::vector<watch> watches_;
     std::vector<int> changed_;
-    std::vector<int> unsettled_;
-    std::vector<pollfd> questions_;
-    std::vector<epoll_event> news_;
+    std::vector<int> undrained_;
+    std::vector<pollfd> queries_;
+    std::vector<epoll_event> events_;
 
     /// The orders of the wait in progress.
     descriptor_set marked_;

@@ -2,6 +2,7 @@
 
 #include "vindra/core/connection.h"
 #include "vindra/core/registry.h"
+#include "vindra/core/seat.h"
 
 #include <algorithm>
 #include <cassert>
@@ -20,7 +21,7 @@ std::vector<connection*>& holders() {
     return by_number;
 }
 
-// The place of `fd` in a table that grows as far as it is used; `fd` is not negative.
+// The element for `fd`, which is not negative, in a table that grows as far as it is used.
 template <typename T>
 T& at(std::vector<T>& table, int fd) {
     const auto index = static_cast<std::size_t>(fd);
@@ -56,10 +57,10 @@ void roster::rebuild() {
     untidy_ = false;
     last_ = list_.head;
     enrol_new();
-    for (const int fd : unplaced_) {
+    for (const int fd : unknown_) {
         if (find_holder(fd) == nullptr) at(nobodys_, fd) = life_of(fd);
     }
-    unplaced_.clear();
+    unknown_.clear();
 }
 
 // One more than the registry's, whose first is 0.
@@ -73,7 +74,7 @@ connection* roster::find_holder(int fd) {
 }
 
 bool roster::is_enrolled(const connection& conn) const {
-    return conn.roster_entry_.enrolment == enrolment_;
+    return seat::of(conn).enrolment == enrolment_;
 }
 
 void roster::enrol_new() {
@@ -83,8 +84,14 @@ void roster::enrol_new() {
 void roster::enrol(connection& conn, list::node* before) {
     assert(before->next->value == &conn);
     last_ = before->next;
-    conn.roster_entry_ = {enrolment_, before, ++last_place_, conn.fd, true, false};
-    awake_.push_back({last_place_, &conn});
+    seat& s = seat::of(conn);
+    s.enrolment = enrolment_;
+    s.rank = ++last_rank_;
+    s.before = before;
+    s.fd = conn.fd;
+    s.awake = true;
+    s.serviced = false;
+    awake_.push_back({s.rank, &conn});
     if (conn.fd >= 0) at(holders(), conn.fd) = &conn;
 }
 
@@ -96,10 +103,10 @@ bool roster::wake_ready(int listener) {
         if (conn != nullptr) {
             if (is_enrolled(*conn)) rouse(*conn);
         } else if (fd != listener && look_at(nobodys_, fd) != life_of(fd)) {
-            unplaced_.push_back(fd);
+            unknown_.push_back(fd);
         }
     });
-    return unplaced_.empty();
+    return unknown_.empty();
 }
 
 void roster::wake(connection& conn) {
@@ -109,28 +116,28 @@ void roster::wake(connection& conn) {
 }
 
 void roster::rouse(connection& conn) {
-    entry& e = conn.roster_entry_;
-    if (e.awake) return;
-    e.awake = true;
+    seat& s = seat::of(conn);
+    if (s.awake) return;
+    s.awake = true;
     assert(resting_ > 0);
     --resting_;
     if (passing_) return insert(conn);
-    awake_.push_back({e.place, &conn});
+    awake_.push_back({s.rank, &conn});
     untidy_ = true;
 }
 
 void roster::forget(const connection& conn) {
-    const int fd = conn.roster_entry_.fd;
+    const int fd = seat::of(conn).fd;
     if (fd >= 0 && look_at(holders(), fd) == &conn) at(holders(), fd) = nullptr;
 }
 
-// Where next() has come past its place, the connection is visited in the next pass.
+// If next() is already beyond its rank, the connection is visited in the next pass.
 void roster::insert(connection& conn) {
-    const std::uint64_t place = conn.roster_entry_.place;
-    const auto where = std::upper_bound(awake_.begin(), awake_.end(), place,
-                                        [](std::uint64_t p, const line& l) { return p < l.place; });
+    const std::uint64_t rank = seat::of(conn).rank;
+    const auto where = std::upper_bound(awake_.begin(), awake_.end(), rank,
+                                        [](std::uint64_t r, const line& l) { return r < l.rank; });
     if (static_cast<std::size_t>(where - awake_.begin()) < cursor_) ++cursor_;
-    awake_.insert(where, {place, &conn});
+    awake_.insert(where, {rank, &conn});
 }
 
 void roster::begin_pass() {
@@ -140,9 +147,9 @@ void roster::begin_pass() {
     passing_ = true;
     if (!untidy_) return;
     std::erase_if(awake_, [](const line& l) { return l.conn == nullptr; });
-    const auto by_place = [](const line& a, const line& b) { return a.place < b.place; };
-    if (!std::is_sorted(awake_.begin(), awake_.end(), by_place))
-        std::sort(awake_.begin(), awake_.end(), by_place);
+    const auto by_rank = [](const line& a, const line& b) { return a.rank < b.rank; };
+    if (!std::is_sorted(awake_.begin(), awake_.end(), by_rank))
+        std::sort(awake_.begin(), awake_.end(), by_rank);
     untidy_ = false;
     assert(awake_.size() + resting_ <= static_cast<std::size_t>(list_.count));
 }
@@ -162,9 +169,7 @@ const connection* roster::upcoming() const {
 
 void roster::resume_behind(const list::node* last) {
     assert(passing_ && in_use() && awake_.size() == static_cast<std::size_t>(list_.count));
-    const auto stands_behind = [last](const line& l) {
-        return l.conn->roster_entry_.before == last;
-    };
+    const auto stands_behind = [last](const line& l) { return seat::of(*l.conn).before == last; };
     const auto where = std::find_if(awake_.begin(), awake_.end(), stands_behind);
     cursor_ = static_cast<std::size_t>(where - awake_.begin());
 }
@@ -177,8 +182,8 @@ void roster::end_pass() {
 void roster::rest() {
     assert(passing_ && cursor_ > 0);
     line& l = awake_[cursor_ - 1];
-    assert(l.conn->roster_entry_.awake && is_enrolled(*l.conn));
-    l.conn->roster_entry_.awake = false;
+    assert(seat::of(*l.conn).awake && is_enrolled(*l.conn));
+    seat::of(*l.conn).awake = false;
     l.conn = nullptr;
     untidy_ = true;
     ++resting_;
@@ -187,15 +192,15 @@ void roster::rest() {
 void roster::strike() {
     assert(passing_ && cursor_ > 0 && in_use());
     line& l = awake_[cursor_ - 1];
-    entry& e = l.conn->roster_entry_;
-    list::node* const own = e.before->next;
+    seat& s = seat::of(*l.conn);
+    list::node* const own = s.before->next;
     assert(own->value == l.conn);
     if (own == last_) {
-        last_ = e.before;
+        last_ = s.before;
     } else {
-        own->next->value->roster_entry_.before = e.before;
+        seat::of(*own->next->value).before = s.before;
     }
-    e.enrolment = 0;
+    s.enrolment = 0;
     l.conn = nullptr;
     untidy_ = true;
     ++removals_;

@@ -2,6 +2,8 @@
 
 #include "vindra/base/byte_queue.h"
 #include "vindra/core/registry.h"
+#include "vindra/core/roster.h"
+#include "vindra/core/seat.h"
 #include "vindra/core/sockets.h"
 
 #include <algorithm>
@@ -16,7 +18,8 @@
 #include <sys/socket.h>
 
 server_base::server_base(int listen_port, bool only_localhost)
-    : port(listen_port), localhost_only(only_localhost) {}
+    : port(listen_port), localhost_only(only_localhost),
+      roster_(std::make_unique<roster>(connections)) {}
 
 server_base::~server_base() noexcept(false) {
     stop();
@@ -109,23 +112,14 @@ bool server_base::on_accept(connection* /*conn*/) {
 
 void server_base::on_remove(connection* /*conn*/) {}
 
-// Any other error than a full or an empty socket needs a second call to show the end that it
-// announces (a refused connection gives -1 and then 0), so no hint is given for it.
-//
-// Half of all reads would be there to learn that there is nothing more. TCP has told so already
-// by a short count, and of what arrives later the kernel has news. Outside an update others may
-// read as they like.
 int server_base::recv(connection* conn, char* buffer, int length) {
-    if (conn == emptied_) {
+    sockets::registry& known = sockets::registry::instance();
+    if (known.is_read_out(conn->fd)) {
         errno = EAGAIN;
         return -1;
     }
     const auto count = ::recv(conn->fd, buffer, static_cast<std::size_t>(length), 0);
-    if (reading_ && count > 0 && count < length &&
-        sockets::registry::instance().is_emptied_by_short_read(conn->fd))
-        emptied_ = conn;
-    if (conn == emptied_ || (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)))
-        sockets::drained(conn->fd);
+    known.on_read(conn->fd, count, length);
     return static_cast<int>(count);
 }
 
@@ -152,7 +146,7 @@ void server_base::update_with(char* receive_buffer) {
 
     walk_([&](connection& conn) { ask_(conn, now); });
     report_(now);
-    give_back_memory_(now);
+    release_memory_(now);
     connection::selected() = nullptr;
 }
 
@@ -166,73 +160,76 @@ void server_base::restart_after_failed_wait_() {
     errno = error;
 }
 
-// With many connections most turns visit those alone that have something to do. Time-outs come
-// due when the second changes, and what others have done to a connection's fields is seen then
-// at the latest.
+// With many connections most turns visit only those that have something to do. Once a second
+// everyone is visited: time-outs expire, and fields changed from outside are noticed.
 void server_base::wake_for_turn_(std::time_t now) {
     const sockets::registry& found = sockets::registry::instance();
     marks_seen_ = found.marks();
     const bool few = connections.count <= plain_walk_max;
-    const bool everyone = few ? roster_.has_resting() : now != last_full_turn_ || found.idle();
-    if (everyone || !roster_.in_use() || (roster_.has_resting() && !roster_.wake_ready(fd))) {
-        roster_.rebuild();
+    const bool everyone = few ? roster_->has_resting() : now != last_full_turn_ || found.idle();
+    if (everyone || !roster_->in_use() || (roster_->has_resting() && !roster_->wake_ready(fd))) {
+        roster_->rebuild();
         last_full_turn_ = now;
     }
 }
 
-// A hook has set bits in the results of the wait: whoever they are about is looked at in this pass
-// if that has not come past it.
+// A hook has set bits in the results of the wait. Whoever they are about is visited in this pass,
+// unless it is already beyond that connection.
 void server_base::wake_marked_() {
     const std::uint32_t marks = sockets::registry::instance().marks();
-    if (marks == marks_seen_ || !roster_.has_resting() || !roster_.in_use()) return;
+    if (marks == marks_seen_ || !roster_->has_resting() || !roster_->in_use()) return;
     marks_seen_ = marks;
-    if (!roster_.wake_ready(fd)) rebuild_behind_visited_();
+    if (!roster_->wake_ready(fd)) rebuild_behind_visited_();
 }
 
-// For a pass in which the list has changed, or numbers have: behind the visited connection, or the
-// one that is passed over because the visited one was removed.
+// For a pass in which the list has changed, or numbers have. The pass goes on behind the visited
+// connection, or behind the skipped one if the visited one was removed.
 void server_base::rebuild_behind_visited_() {
-    roster_.rebuild();
-    roster_.resume_behind(visited_ != nullptr ? visited_->roster_entry_.before->next
-                                              : connections.next);
+    roster_->rebuild();
+    roster_->resume_behind(visited_ != nullptr ? seat::of(*visited_).before->next
+                                               : connections.next);
 }
 
-// Connections lie a mebibyte apart, so that each is a new page with its first and its last
-// fields. Fetching those of the next one meanwhile saves a tenth of a busy turn.
-inline void connection::prefetch_() const {
-    __builtin_prefetch(this);
-    __builtin_prefetch(&timeout);
-    __builtin_prefetch(&roster_entry_);
+namespace {
+
+// Connections lie a mebibyte apart, so each is a new page with its first and its last fields.
+// Fetching those of the next one ahead saves a tenth of a busy turn.
+void prefetch(const connection& conn) {
+    __builtin_prefetch(&conn);
+    __builtin_prefetch(&conn.timeout);
+    __builtin_prefetch(&seat::of(conn));
 }
 
-// Visits those awake in the order of the list, whose cursor stands before the one in hand. A
-// removal spends the cursor; the walk goes on from the node behind the removed one, whose
-// connection is thus passed over, and ends where there is none.
+} // namespace
+
+// In the order of the list, whose cursor stands before the connection in hand. A removal clears the
+// cursor. The walk resumes behind the next node, whose connection is skipped, and ends where there
+// is none.
 template <typename Visit>
 void server_base::walk_(Visit visit) {
-    if (!roster_.in_use()) roster_.rebuild();
-    const connection* passed_over = nullptr;
-    roster_.begin_pass();
-    while (connection* conn = roster_.next()) {
-        if (const connection* const next = roster_.upcoming()) next->prefetch_();
-        if (conn == passed_over) continue;
-        connections.prev = conn->roster_entry_.before;
+    if (!roster_->in_use()) roster_->rebuild();
+    const connection* skipped = nullptr;
+    roster_->begin_pass();
+    while (connection* conn = roster_->next()) {
+        if (const connection* const next = roster_->upcoming()) prefetch(*next);
+        if (conn == skipped) continue;
+        connections.prev = seat::of(*conn).before;
         connections.next = nullptr;
         connection::selected() = visited_ = conn;
         visit(*conn);
         if (visited_ == nullptr && connections.next == nullptr) break;
-        if (!roster_.in_use()) {
+        if (!roster_->in_use()) {
             rebuild_behind_visited_();
         } else if (visited_ == nullptr) {
-            passed_over = connections.next->value;
+            skipped = connections.next->value;
         }
     }
-    roster_.end_pass();
+    roster_->end_pass();
 }
 
 void server_base::service_(connection& conn, char* receive_buffer, std::time_t now) {
     const sockets::registry& found = sockets::registry::instance();
-    conn.roster_entry_.serviced = true;
+    seat::of(conn).serviced = true;
     if (conn.timeout >= 0 && now - conn.last_active > conn.timeout) {
         std::printf("%d has timed out.\n", conn.fd);
         remove_visited_();
@@ -248,19 +245,18 @@ void server_base::service_(connection& conn, char* receive_buffer, std::time_t n
 
 void server_base::read_(connection& conn, char* receive_buffer, std::time_t now) {
     int count = 0;
-    reading_ = true;
-    emptied_ = nullptr;
-    while ((count = recv(&conn, receive_buffer, receive_buffer_size)) > 0) {
-        conn.on_recv(receive_buffer, count);
-        conn.last_active = now;
+    {
+        const sockets::registry::reading reads(conn.fd);
+        while ((count = recv(&conn, receive_buffer, receive_buffer_size)) > 0) {
+            conn.on_recv(receive_buffer, count);
+            conn.last_active = now;
+        }
     }
-    reading_ = false;
-    emptied_ = nullptr;
     if (count == 0) remove_visited_();
 }
 
 void server_base::write_(connection& conn, std::time_t now) {
-    conn.note_buffer_use_();
+    seat::of(conn).note_buffer_use(conn);
     while (conn.send_length > 0) {
         const int count = send(&conn, conn.send_buffer + conn.send_offset, conn.send_length);
         if (count <= 0) break;
@@ -273,53 +269,52 @@ void server_base::write_(connection& conn, std::time_t now) {
 
 void server_base::ask_(connection& conn, std::time_t now) {
     if (conn.send_length == 0) {
-        conn.begin_asking_();
+        seat::of(conn).resolve_promise(conn);
         conn.more = conn.on_send(conn.send_buffer, connection::send_buffer_size, &conn.send_length);
         if (conn.send_length > 0) conn.send_offset = 0;
     }
     if (conn.send_length != 0) {
-        conn.note_buffer_use_();
+        seat::of(conn).note_buffer_use(conn);
         sockets::ready()->set(conn.fd);
     } else if (!conn.more) {
         remove_visited_();
     } else {
-        leave_alone_(conn, now);
+        leave_quiet_(conn, now);
     }
 }
 
-// Nothing to do for it now. One that no first pass has seen, because it is new or was passed
-// over, may be due to time out and is visited once more. A buffer that has grown goes back once it
-// has not been of use for a while: at full speed, fetching its pages anew would cost more than the
-// copies.
-void server_base::leave_alone_(connection& conn, std::time_t now) {
+// A connection that no first pass has visited, because it is new or was skipped, may be due to time
+// out and is visited once more. A buffer that has grown is released only after a while: at full
+// speed, fetching its pages anew would cost more than the copies.
+void server_base::leave_quiet_(connection& conn, std::time_t now) {
     constexpr int kept_bytes_max = 4096;
     constexpr std::time_t kept_seconds = 2;
-    if (!conn.may_rest_) return;
-    if (conn.send_buffer_used_ > kept_bytes_max && now - conn.last_active >= kept_seconds)
-        conn.trim_send_buffer_();
+    seat& s = seat::of(conn);
+    if (!s.has_promise()) return;
+    if (s.buffer_used > kept_bytes_max && now - conn.last_active >= kept_seconds)
+        s.release_buffer(conn);
 
-    if (conn.rests_ && conn.roster_entry_.serviced && connections.count > plain_walk_max)
-        roster_.rest();
+    if (s.serviced && connections.count > plain_walk_max && s.is_quiet(conn)) roster_->rest();
 }
 
 void server_base::remove_visited_() {
     // A hook may have moved the cursor, and taken out others.
-    if (!roster_.in_use()) rebuild_behind_visited_();
+    if (!roster_->in_use()) rebuild_behind_visited_();
     assert(visited_ != nullptr);
     connection* const conn = std::exchange(visited_, nullptr);
-    connections.prev = conn->roster_entry_.before;
-    roster_.strike();
-    // The one behind it is passed over, and may have something to send.
+    connections.prev = seat::of(*conn).before;
+    roster_->strike();
+    // The one behind it is skipped, and may have something to send.
     sockets::hurry();
     connections.remove();
     end_connection(conn);
 }
 
-// Once a second for the process: with more than one server, each call in a turn would drop what
-// the turn has needed before it.
-void server_base::give_back_memory_(std::time_t now) {
+// Once a second for the process. Called for each server, it would drop what the servers before it
+// have needed in the same turn.
+void server_base::release_memory_(std::time_t now) {
     static std::time_t last = 0;
-    if (now != last) base::byte_queue::give_back_pages();
+    if (now != last) base::byte_queue::release_pages();
     last = now;
 }
 

@@ -4,11 +4,13 @@
 #include "vindra/base/linkedlist.h"
 #include "vindra/core/abstract_server.h"
 #include "vindra/core/connection.h"
-#include "vindra/core/roster.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <memory>
+
+class roster;
 
 /// A listening socket and the connections it drives: all of a server that does not depend on
 /// the class of its connections. Derive from server<T>, which adds that.
@@ -20,11 +22,11 @@
 ///     send pass      each connection with nothing to write: on_send()
 ///     status line    every six seconds at most
 ///
-/// A connection that directly follows one removed in a pass is passed over by that pass and
+/// A connection that directly follows one removed in a pass is skipped by that pass and
 /// visited in the next turn.
 ///
-/// Hooks run inside update() and stop(). They may add connections to the list (those are
-/// visited in the same pass if it has not ended). They may take one out with its pop() or remove(),
+/// Hooks run inside update() and stop(). They may add connections to the list; those are
+/// visited in the same pass if it has not ended. They may take one out with its pop() or remove(),
 /// as anyone may between two turns, but never the one that the hook is about; whoever takes it out
 /// owns it then. A connection is driven by the server in whose list it stands, by the number in its
 /// `fd`, and by nobody while it stands in none.
@@ -74,8 +76,9 @@ public:
 
     /// Moves up to `length` bytes from the socket of `conn` into `buffer`. Returns their number,
     /// 0 when the peer has closed, negative when nothing can be had now or an error stands.
-    /// Called until it gives 0 or less. Here a plain recv(), with the hint that
-    /// sockets::drained() takes.
+    /// Called until it gives 0 or less. Here recv(), except that within one visit a TCP read that
+    /// brought less than `length` is the last: the next call then gives -1 and EAGAIN without
+    /// asking the kernel.
     virtual int recv(connection* conn, char* buffer, int length);
 
     /// Moves up to `length` > 0 bytes from `buffer` to the socket of `conn`. Returns their
@@ -87,7 +90,7 @@ public:
     int fd = -1;
 
     /// Every connection this server drives, clients and backends alike, in order of arrival.
-    /// The server deletes them. Its cursor is the walk's; outside update() it is stale.
+    /// The server deletes them. update() uses the list's cursor; outside update() it is stale.
     base::linkedlist<connection*> connections;
 
     /// Port to listen on; 0 when disabled.
@@ -106,40 +109,40 @@ protected:
     /// update() over a receive buffer of receive_buffer_size bytes.
     void update_with(char* receive_buffer);
 
-    /// Up to this many connections are all visited in every turn; beyond, those that have
-    /// nothing to do are left out of most. A test sets it to compare the two.
+    /// Up to this many connections are all visited in every turn. Beyond, quiet ones are visited
+    /// once a second. A test sets it to compare the two.
     int plain_walk_max = 32;
 
 private:
     /// What end_connection() does about the number of a connection.
     class closing_;
 
+    /// Calls `visit` for each connection awake.
     template <typename Visit>
     void walk_(Visit visit);
     void wake_for_turn_(std::time_t now);
+    /// Those whose bits in the results of the wait a hook has set.
     void wake_marked_();
     void rebuild_behind_visited_();
     void restart_after_failed_wait_();
+    /// A connection's part of the first pass.
     void service_(connection& conn, char* receive_buffer, std::time_t now);
     void read_(connection& conn, char* receive_buffer, std::time_t now);
     void write_(connection& conn, std::time_t now);
+    /// A connection's part of the send pass.
     void ask_(connection& conn, std::time_t now);
-    void leave_alone_(connection& conn, std::time_t now);
+    void leave_quiet_(connection& conn, std::time_t now);
     void remove_visited_();
-    static void give_back_memory_(std::time_t now);
+    static void release_memory_(std::time_t now);
+    /// The line that counts connections.
     void report_(std::time_t now);
 
     /// Whom a turn visits. With at most `plain_walk_max` connections everyone is awake.
-    roster roster_{connections};
+    std::unique_ptr<roster> roster_;
     /// The connection in hand; null outside a visit and once it is removed.
     connection* visited_ = nullptr;
-    /// Marks of others in the wait's results that have been acted on.
+    /// registry::marks() as far as they have been acted on.
     std::uint32_t marks_seen_ = 0;
-
-    /// The connection whose last read has emptied its socket; null outside the reading of one.
-    const connection* emptied_ = nullptr;
-    bool reading_ = false;
-
     /// Second of the last turn that visited every connection.
     std::time_t last_full_turn_ = 0;
 };

@@ -86,6 +86,10 @@ public:
     /// warning each; the connection stays until its client gives up or the idle time-out.
     void on_recv(char* bytes, int length) override;
 
+    /// True while on_send() gives nothing until bytes arrive or an answer is queued. For the
+    /// quiet_when() of derived classes.
+    bool is_quiet() const { return parts.count <= 0 && !written; }
+
     /// Hands over the first of `parts`, or as much of it as fits: one part a call. With
     /// nothing queued, answers false after the response of a connection that is not kept.
     bool on_send(char* buffer, int capacity, int* length) override;

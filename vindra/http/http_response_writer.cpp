@@ -73,10 +73,7 @@ bool http_connection::on_send(char* buffer, int capacity, int* length) {
     if (strict_stage_ == stage_::answering) go_on_strictly_();
 
     // Of a kept connection, reset() has cleared `written`: it waits for its next request.
-    if (parts.count <= 0) {
-        if (!written) rest();
-        return written ? keep_alive || lingers_() : true;
-    }
+    if (parts.count <= 0) return written ? keep_alive || lingers_() : true;
 
     response_part& part = *parts.head->next->value;
     if (part.result && !part.file && !part.result->done.load(std::memory_order_acquire)) {

@@ -15,13 +15,10 @@
 
 http_proxy::http_proxy() {
     websockets = false;
-    proxy_pipe::wake_on_arrival(pipe->to_client, *this);
-    may_rest_as(typeid(http_proxy));
+    quiet_when<http_proxy>([](const http_proxy& conn) { return conn.pipe->to_client.empty(); });
 }
 
-http_proxy::~http_proxy() {
-    proxy_pipe::release(pipe, &proxy_pipe::to_client);
-}
+http_proxy::~http_proxy() = default;
 
 server_base*& http_proxy::g_server() {
     static server_base* home = nullptr;
@@ -52,15 +49,13 @@ void http_proxy::on_headers() {
 }
 
 void http_proxy::on_data(char* bytes, int length) {
-    pipe->to_backend.append(bytes, static_cast<std::size_t>(length));
+    end_.fill(bytes, length);
 }
 
 void http_proxy::on_request() {}
 
 bool http_proxy::on_send(char* buffer, int capacity, int* length) {
-    const bool stays = pipe->send_from(pipe->to_client, buffer, capacity, length);
-    if (pipe->to_client.empty()) rest();
-    return stays;
+    return end_.send(buffer, capacity, length);
 }
 
 std::string http_proxy::copy_headers(const std::string& headers) {
@@ -107,9 +102,7 @@ void http_proxy::renew_pipe() {
         initial_pipe.to_backend.clear();
         initial_pipe.to_client.clear();
     }
-    proxy_pipe::release(pipe, &proxy_pipe::to_client);
-    pipe = new proxy_pipe;
-    proxy_pipe::wake_on_arrival(pipe->to_client, *this);
+    end_.replace(new proxy_pipe);
 }
 
 void http_proxy::answer_not_found() {

@@ -95,4 +95,8 @@ protected:
 
     /// Replaces what waits for the client by the 502 answer, after which it ends.
     void answer_bad_gateway();
+
+private:
+    /// Released first, before `initial_pipe` ends.
+    proxy_pipe::end end_{proxy_pipe::end::side::client, pipe, *this};
 };

@@ -25,4 +25,7 @@ public:
 
     /// Never null; freed by whichever end lets go last.
     proxy_pipe* pipe;
+
+private:
+    proxy_pipe::end end_{proxy_pipe::end::side::backend, pipe, *this};
 };

@@ -3,27 +3,56 @@
 #include "vindra/core/connection.h"
 
 #include <cassert>
+#include <cstddef>
 #include <utility>
 
-void proxy_pipe::wake_on_arrival(base::byte_queue& queue, connection& reader) {
-    queue.on_arrival([](void* conn) { static_cast<connection*>(conn)->wake(); }, &reader);
+proxy_pipe::end::end(side which, proxy_pipe*& pipe, connection& holder)
+    : pipe_(pipe), holder_(holder), side_(which) {
+    attach_();
 }
 
-void proxy_pipe::release(proxy_pipe*& pipe, base::byte_queue proxy_pipe::*queue) {
-    proxy_pipe* const held = std::exchange(pipe, nullptr);
-    assert(held != nullptr && held->refs > 0);
-    (held->*queue).on_arrival(nullptr, nullptr);
-    if (--held->refs == 0) {
-        delete held;
-    } else {
-        held->to_backend.announce();
-        held->to_client.announce();
-    }
+proxy_pipe::end::~end() {
+    release_();
 }
 
-bool proxy_pipe::send_from(base::byte_queue& queue, char* buffer, int capacity, int* length) {
-    assert(&queue == &to_backend || &queue == &to_client);
-    *length = static_cast<int>(queue.take(buffer, static_cast<std::size_t>(capacity)));
+void proxy_pipe::end::replace(proxy_pipe* next) {
+    release_();
+    pipe_ = next;
+    attach_();
+}
+
+void proxy_pipe::end::fill(const char* bytes, int length) {
+    target_().append(bytes, static_cast<std::size_t>(length));
+}
+
+bool proxy_pipe::end::send(char* buffer, int capacity, int* length) {
+    *length = static_cast<int>(source_().take(buffer, static_cast<std::size_t>(capacity)));
     assert(*length >= 0 && *length <= capacity);
-    return !queue.empty() || refs >= 2;
+    return !source_().empty() || pipe_->refs >= 2;
+}
+
+base::byte_queue& proxy_pipe::end::source_() const {
+    return side_ == side::client ? pipe_->to_client : pipe_->to_backend;
+}
+
+base::byte_queue& proxy_pipe::end::target_() const {
+    return side_ == side::client ? pipe_->to_backend : pipe_->to_client;
+}
+
+void proxy_pipe::end::attach_() {
+    if (side_ == side::backend) ++pipe_->refs;
+    source_().set_listener([](void* conn) { static_cast<connection*>(conn)->wake(); }, &holder_);
+}
+
+// The other end is woken, as it may be finished now.
+void proxy_pipe::end::release_() {
+    assert(pipe_->refs > 0);
+    base::byte_queue& others = target_();
+    source_().set_listener(nullptr, nullptr);
+    proxy_pipe* const released = std::exchange(pipe_, nullptr);
+    if (--released->refs == 0) {
+        delete released;
+    } else {
+        others.announce();
+    }
 }

@@ -11,7 +11,7 @@ std::string port_suffix(int port) {
 } // namespace
 
 redirector::redirector() {
-    may_rest_as(typeid(redirector));
+    quiet_when<redirector>([](const redirector& conn) { return conn.is_quiet(); });
 }
 
 int& redirector::ssl_port() {

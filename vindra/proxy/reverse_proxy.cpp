@@ -6,7 +6,8 @@
 #include <cstdio>
 
 reverse_proxy::reverse_proxy() {
-    may_rest_as(typeid(reverse_proxy));
+    quiet_when<reverse_proxy>(
+        [](const reverse_proxy& conn) { return conn.pipe->to_client.empty(); });
 }
 
 base::hashmap<int>& reverse_proxy::hosts() {

@@ -1,0 +1,57 @@
+#pragma once
+
+#include "vindra/base/linkedlist.h"
+
+#include <cstdint>
+#include <typeinfo>
+
+class connection;
+
+/// What the server that drives a connection keeps of it. For server_base and its roster alone.
+///
+/// A seat is empty until a roster enrols its connection. A roster believes only what it has
+/// written itself: a connection that was moved to another list, or taken out, or whose roster is
+/// gone, is unknown to all others.
+struct seat {
+    /// Tells whether a connection has nothing to hand over.
+    using quiet_test = bool (*)(const connection&);
+
+    static seat& of(connection& conn);
+    static const seat& of(const connection& conn);
+
+    /// Finds out, once, whether the class of `conn` has called quiet_when() itself. Its constructor
+    /// cannot tell.
+    void resolve_promise(const connection& conn);
+
+    bool has_promise() const { return promised_by == nullptr && is_quiet != nullptr; }
+
+    /// Bytes at the end of the buffer of `conn` that are known to be untouched.
+    int untouched_bytes(const connection& conn);
+
+    /// Takes into account what the buffer of `conn` holds at this moment.
+    void note_buffer_use(const connection& conn);
+
+    /// Returns the pages of the buffer of `conn` to the kernel.
+    void release_buffer(connection& conn);
+
+    /// The enrolment that wrote this; 0 for none. No two enrolments have the same number.
+    std::uint64_t enrolment = 0;
+    /// Rises along the list.
+    std::uint64_t rank = 0;
+    /// The list's node before this connection's.
+    base::linkedlist<connection*>::node* before = nullptr;
+
+    /// The class that has called quiet_when() last, until resolve_promise(), and the test that it
+    /// gave. Derived classes have not made its promise.
+    const std::type_info* promised_by = nullptr;
+    quiet_test is_quiet = nullptr;
+
+    /// Descriptor at the time of the enrolment; negative for none.
+    int fd = -1;
+    /// How far `send_buffer` has been filled since its pages were last released, as far as
+    /// `send_offset` and `send_length` have shown.
+    int buffer_used = 0;
+    bool awake = false;
+    /// A first pass has visited the connection since it was enrolled.
+    bool serviced = false;
+};
