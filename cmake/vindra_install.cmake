@@ -30,9 +30,7 @@ install(DIRECTORY "${PROJECT_SOURCE_DIR}/vindra"
         DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
         FILES_MATCHING
         PATTERN "*.h"
-        PATTERN private EXCLUDE
-        PATTERN connection_pool.h EXCLUDE
-        PATTERN registry.h EXCLUDE)
+        PATTERN private EXCLUDE)
 
 # Before 1.0 a new minor version may change what a program was built against.
 write_basic_package_version_file(vindraConfigVersion.cmake COMPATIBILITY SameMinorVersion)

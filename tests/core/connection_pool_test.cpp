@@ -1,5 +1,5 @@
 #include "vindra/core/connection.h"
-#include "vindra/core/connection_pool.h"
+#include "vindra/core/private/connection_pool.h"
 
 #include <algorithm>
 #include <cstdint>

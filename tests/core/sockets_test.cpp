@@ -1,4 +1,4 @@
-#include "vindra/core/registry.h"
+#include "vindra/core/private/registry.h"
 #include "vindra/core/sockets.h"
 
 #include "tests/support/captured_output.h"

@@ -1,6 +1,6 @@
 // Waits that must not spin, sleep over work, or be refused.
 
-#include "vindra/core/registry.h"
+#include "vindra/core/private/registry.h"
 #include "vindra/core/sockets.h"
 
 #include "tests/support/far_end.h"

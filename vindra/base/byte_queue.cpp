@@ -30,8 +30,8 @@ constexpr std::size_t cache_line = 64;
 constexpr std::size_t offsets = 64;
 constexpr std::size_t offset_step = 5;
 
-std::size_t offset_of(const char* place) {
-    const auto number = reinterpret_cast<std::uintptr_t>(place) / block_store::place_bytes;
+std::size_t offset_of(const char* memory) {
+    const auto number = reinterpret_cast<std::uintptr_t>(memory) / block_store::block_bytes;
     return number * offset_step % offsets * cache_line;
 }
 
@@ -113,11 +113,11 @@ bool byte_queue::equals_(std::string_view text) const {
 }
 
 void byte_queue::add_block_() {
-    char* const place = block_store::shared().take();
-    const std::size_t offset = offset_of(place);
-    const std::size_t capacity = block_store::place_bytes - offset - sizeof(block);
+    char* const memory = block_store::shared().take();
+    const std::size_t offset = offset_of(memory);
+    const std::size_t capacity = block_store::block_bytes - offset - sizeof(block);
     auto* const added =
-        new (place + offset) block{nullptr, 0, 0, static_cast<std::uint32_t>(capacity)};
+        new (memory + offset) block{nullptr, 0, 0, static_cast<std::uint32_t>(capacity)};
     (last_ == nullptr ? first_ : last_->next) = added;
     last_ = added;
 }
@@ -128,8 +128,8 @@ void byte_queue::drop_first_() {
     first_ = dropped->next;
     if (first_ == nullptr) last_ = nullptr;
     const auto address = reinterpret_cast<std::uintptr_t>(dropped);
-    block_store::shared().give_back(reinterpret_cast<char*>(dropped) -
-                                    address % block_store::place_bytes);
+    block_store::shared().put_back(reinterpret_cast<char*>(dropped) -
+                                   address % block_store::block_bytes);
 }
 
 } // namespace base

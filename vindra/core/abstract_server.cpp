@@ -1,6 +1,6 @@
 #include "vindra/core/abstract_server.h"
 
-#include "vindra/core/registry.h"
+#include "vindra/core/private/registry.h"
 #include "vindra/core/sockets.h"
 
 #include <csignal>

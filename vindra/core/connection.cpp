@@ -1,7 +1,7 @@
 #include "vindra/core/connection.h"
 
-#include "vindra/core/connection_pool.h"
-#include "vindra/core/roster.h"
+#include "vindra/core/private/connection_pool.h"
+#include "vindra/core/private/roster.h"
 #include "vindra/core/sockets.h"
 
 connection::connection() : last_active(std::time(nullptr)) {}

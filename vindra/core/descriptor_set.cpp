@@ -1,6 +1,6 @@
 #include "vindra/core/descriptor_set.h"
 
-#include "vindra/core/registry.h"
+#include "vindra/core/private/registry.h"
 
 #include <algorithm>
 #include <cassert>

@@ -1,7 +1,7 @@
 #include "vindra/core/loop.h"
 
 #include "vindra/core/abstract_server.h"
-#include "vindra/core/registry.h"
+#include "vindra/core/private/registry.h"
 #include "vindra/core/sockets.h"
 
 #include <algorithm>

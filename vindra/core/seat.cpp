@@ -1,7 +1,7 @@
 #include "vindra/core/seat.h"
 
 #include "vindra/core/connection.h"
-#include "vindra/core/connection_pool.h"
+#include "vindra/core/private/connection_pool.h"
 
 #include <algorithm>
 #include <cassert>

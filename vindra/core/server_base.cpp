@@ -1,8 +1,8 @@
 #include "vindra/core/server_base.h"
 
 #include "vindra/base/byte_queue.h"
-#include "vindra/core/registry.h"
-#include "vindra/core/roster.h"
+#include "vindra/core/private/registry.h"
+#include "vindra/core/private/roster.h"
 #include "vindra/core/seat.h"
 #include "vindra/core/sockets.h"
 

@@ -19,7 +19,7 @@ constexpr std::string_view line_end = "\r\n";
 } // namespace
 
 http_connection::http_connection() {
-    may_rest_as(typeid(http_connection));
+    quiet_when<http_connection>([](const http_connection& conn) { return conn.is_quiet(); });
 }
 
 http_connection::~http_connection() {

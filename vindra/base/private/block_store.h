@@ -8,16 +8,16 @@
 
 namespace base {
 
-/// The memory that all queues of the process share: places of 64 KiB, each aligned to its size.
+/// The memory that all queues of the process share: blocks of 64 KiB, each aligned to its size.
 ///
 /// Address space stays with the store, pages do not. While a fast sender feeds a slow receiver,
 /// a queue of many mebibytes comes and goes many times a second. Fetching its pages anew would
-/// cost more than all the copying, so a free place keeps its pages until a second has passed
+/// cost more than all the copying, so a free block keeps its pages until a second has passed
 /// that did not need them. One thread uses it.
 class block_store {
 public:
-    /// Bytes of a place.
-    static constexpr std::size_t place_bytes = 65536;
+    /// Bytes of a block.
+    static constexpr std::size_t block_bytes = 65536;
 
     /// The one of the process. Never destroyed: a queue may be drained while the process exits.
     static block_store& shared() {
@@ -25,37 +25,37 @@ public:
         return store;
     }
 
-    /// A place that nobody else uses. Its content is whatever was there.
+    /// A block that nobody else uses. Its content is whatever was there.
     char* take() {
         if (free_.empty()) add_region_();
-        char* place = free_.back();
-        assert(reinterpret_cast<std::uintptr_t>(place) % place_bytes == 0);
+        char* block = free_.back();
+        assert(reinterpret_cast<std::uintptr_t>(block) % block_bytes == 0);
         free_.pop_back();
         cold_ = std::min(cold_, free_.size());
         peak_ = std::max(peak_, ++in_use_);
-        return place;
+        return block;
     }
 
     /// Takes back what take() returned.
-    void give_back(char* place) {
-        assert(in_use_ > 0 && reinterpret_cast<std::uintptr_t>(place) % place_bytes == 0);
-        free_.push_back(place);
+    void put_back(char* block) {
+        assert(in_use_ > 0 && reinterpret_cast<std::uintptr_t>(block) % block_bytes == 0);
+        free_.push_back(block);
         --in_use_;
     }
 
-    /// Returns the pages of the free places that were not in use at the same time as the others
+    /// Returns the pages of the free blocks that were not in use at the same time as the others
     /// since the last call, but for a few that stay warm.
-    void trim();
+    void release_pages();
 
 private:
-    /// Makes more places, or throws std::bad_alloc.
+    /// Makes more blocks, or throws std::bad_alloc.
     void add_region_();
 
-    /// Last in, first out: the warmest place is used next. The first `cold_` have no pages.
+    /// Last in, first out: the warmest block is used next. The first `cold_` have no pages.
     std::vector<char*> free_;
     std::size_t cold_ = 0;
 
-    /// Places in use, now and at most since the last trim().
+    /// Blocks in use, now and at most since the last release_pages().
     std::size_t in_use_ = 0;
     std::size_t peak_ = 0;
 };

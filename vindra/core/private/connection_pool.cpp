@@ -1,4 +1,4 @@
-#include "vindra/core/connection_pool.h"
+#include "vindra/core/private/connection_pool.h"
 
 #include <algorithm>
 #include <cassert>

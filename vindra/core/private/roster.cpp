@@ -1,7 +1,7 @@
-#include "vindra/core/roster.h"
+#include "vindra/core/private/roster.h"
 
 #include "vindra/core/connection.h"
-#include "vindra/core/registry.h"
+#include "vindra/core/private/registry.h"
 #include "vindra/core/seat.h"
 
 #include <algorithm>

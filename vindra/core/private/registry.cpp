@@ -1,4 +1,4 @@
-#include "vindra/core/registry.h"
+#include "vindra/core/private/registry.h"
 
 #include <algorithm>
 #include <cassert>
