@@ -50,6 +50,17 @@ inline std::string long_payload(const std::string& wire) {
     return masked(std::string(2, '\0') + wire, wire.substr(0, 4));
 }
 
+/// A client's frame by RFC 6455, in the shortest form; `first` is its byte 0.
+inline std::string standard_frame(int first, const std::string& payload,
+                                  const std::string& key = "\x11\x22\x33\x44") {
+    const std::size_t n = payload.size();
+    const int bytes = n < 126 ? 0 : n < 65536 ? 2 : 8;
+    const std::size_t seven = bytes == 0 ? n : bytes == 2 ? 126 : 127;
+    std::string frame{static_cast<char>(first), static_cast<char>(0x80U | seven)};
+    for (int i = bytes - 1; i >= 0; --i) frame += static_cast<char>(n >> (8 * i));
+    return frame + key + masked(payload, key);
+}
+
 /// A connection behind its handshake, with nothing left to send.
 inline std::unique_ptr<recording_connection> upgraded_connection() {
     auto conn = std::make_unique_for_overwrite<recording_connection>();

@@ -13,6 +13,7 @@
 #include <string_view>
 
 class deferred_result;
+struct websocket_frame;
 
 /// Server side of one client connection that speaks HTTP/1.x (RFC 9112) and, after a
 /// handshake, WebSocket frames (RFC 6455).
@@ -99,8 +100,8 @@ public:
 
     /// A head is complete: `headers` and what is parsed from it may be read.
     ///
-    /// Called once a request, before its body; not for a WebSocket handshake. May write() at
-    /// once. The default prints info() with the agent.
+    /// Called once a request, before its body; not for a WebSocket handshake, unless
+    /// speak_websocket() was called. May write() at once. The default prints info() with the agent.
     virtual void on_headers();
 
     /// Body bytes have arrived: `length` > 0 of them, at `bytes` during the call only.
@@ -188,6 +189,44 @@ public:
     /// `max_request_length` has no say then. Not for relays.
     void read_strictly(int largest_body = 1048576);
 
+    /// Speaks WebSocket as RFC 6455 has it, from the next handshake on. Call it in the constructor,
+    /// and override on_upgrade() to accept clients.
+    ///
+    /// - on_headers() is called for a handshake too, before it is answered: answer() there to
+    /// refuse
+    ///   it. on_request() is not called for handshakes. A faulty one is answered with 400.
+    /// - Frames of every length are read, and send_message() sends messages of every length.
+    /// - on_message() gets whole messages of at most `max_message_length` bytes, put together from
+    ///   their frames; text is valid UTF-8. `max_frame_length` has no say.
+    /// - Pings are answered, between the frames of a message too. Pongs are dropped.
+    /// - A close frame is answered with its own code, and the connection ends.
+    /// - Refused, with a close frame: 1002 for what breaks the protocol, 1007 for text that is not
+    ///   UTF-8, 1009 for a message that is too long. The connection then ends when the client
+    ///   does, or is silent for a second. Nothing is printed.
+    void speak_websocket();
+
+    /// True if the current request asks for WebSocket, and is answered here.
+    bool is_handshake() const;
+
+    /// For on_headers() of a handshake, after speak_websocket(). True if the client offers the
+    /// subprotocol `name`, which the answer then names. Ask for the best one first, and no more
+    /// once one is chosen.
+    bool choose_protocol(std::string_view name);
+
+    /// For on_message(), after speak_websocket(): the opcode of the message, 1 for text and 2 for
+    /// binary. 0 when none has begun.
+    int message_opcode() const { return message_opcode_; }
+
+    /// Sends a close frame, after speak_websocket(), and ends the connection when the client has
+    /// answered it, or is silent for a second. Messages that still arrive are dropped, and so is
+    /// what send_message() is called with. `code` is 1000 to 1003, 1007 to 1014, 3000 to 4999, or
+    /// 1005 for a frame without one. `reason` is UTF-8; one of more than 123 bytes is left out.
+    void send_close(int code = 1000, std::string_view reason = {});
+
+    /// After speak_websocket(), the code of the client's close frame; 1005 if it had none, and 0
+    /// while no close frame has come. The destructor may ask.
+    int close_code() const { return close_code_; }
+
     /// One line that sums the request up, for logs: peer, method, target, version and, where
     /// asked for, the agent in brackets. For a peer on 127.0.0.1, taken to be a front end, the
     /// address is the value of X-Forwarded-For where there is one.
@@ -197,8 +236,9 @@ public:
     /// `keep_alive` and sets `timeout` to 0.
     void read_frames();
 
-    /// Queues `payload` as one frame: opcode 1 for text, 2 for binary, 10 for a pong. Payloads
-    /// of 1048576 bytes and more are reported and make a broken frame.
+    /// Queues `payload` as one frame: opcode 1 for text, 2 for binary, 10 for a pong. Unless
+    /// speak_websocket() was called, payloads of 1048576 bytes and more are reported and make a
+    /// broken frame.
     void send_message(const std::string& payload, int opcode);
 
     /// Joins a channel, which exists from its first member to the leaving of its last one.
@@ -288,6 +328,10 @@ private:
     /// What became of a frame: taken off, waiting for more bytes, or the last one of all.
     enum class frame_outcome_ { taken, incomplete, ended };
 
+    /// The standard's WebSocket: `off` unless speak_websocket() is called; reading; our close frame
+    /// is out and the client's awaited; dropping what still comes.
+    enum class websocket_stage_ : unsigned char { off, open, closing, deaf };
+
     /// How far a connection that reads strictly has come: `off` when it does not; within a head or
     /// a body; awaiting the end of an answer; or dropping what comes behind a refusal.
     enum class stage_ : unsigned char { off, head, body, answering, refused };
@@ -300,8 +344,9 @@ private:
     void read_head_();
     void parse_request_line_();
     void split_target_();
-    bool asks_for_upgrade_() const;
     void shake_hands_();
+    static std::string upgrade_head_(std::string key);
+    void upgrade_();
     void finish_request_();
 
     void take_strictly_(char* bytes, int length);
@@ -334,12 +379,27 @@ private:
     frame_outcome_ act_on_frame_(int code, bool final, const std::string& payload);
     frame_outcome_ add_to_message_(const std::string& payload, bool final);
     frame_outcome_ end_frames_();
+
+    void answer_handshake_();
+    void read_messages_();
+    bool takes_frames_() const;
+    int fault_of_(const websocket_frame& frame) const;
+    void handle_frame_(const websocket_frame& frame, std::string_view bytes);
+    void take_fragment_(const websocket_frame& frame, std::string_view bytes);
+    void answer_ping_(const std::string& payload);
+    void answer_close_(const std::string& payload);
+    void fail_(int code);
+
     void leave_channels_();
     bool leave_channel_(const std::string& name);
 
     stage_ strict_stage_ = stage_::off;
+    websocket_stage_ websocket_ = websocket_stage_::off;
+    /// Opcode of the message whose frames are coming in; 0 between messages.
+    unsigned char message_opcode_ = 0;
+    int close_code_ = 0;
     int largest_body_ = 0;
-    /// Bytes behind a refusal that are still worth waiting for.
+    /// Bytes behind a refusal, or behind our close frame, that are still worth waiting for.
     long long linger_bytes_ = 0;
     /// Pipelined bytes, and how many of them have been read.
     std::string ahead_;

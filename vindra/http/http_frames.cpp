@@ -1,4 +1,4 @@
-// WebSocket frames, in both directions.
+// WebSocket frames: how they are read unless speak_websocket() is called, and how they are sent.
 //
 // A client's frame by the low seven bits of its second byte; positions count from its start:
 //
@@ -32,7 +32,7 @@ constexpr unsigned mask_bit = 128;
 // Two bytes and a masking key: the shortest frame that a client may send.
 constexpr std::size_t shortest_frame = 6;
 
-// Payloads from here on have no length form in frames that are sent.
+// Payloads from here on have no length form in frames that are sent, but by the standard.
 constexpr std::size_t payload_limit = 1048576;
 
 enum frame_kind : int { continuation = 0, text = 1, binary = 2, closing = 8, ping = 9, pong = 10 };
@@ -94,6 +94,7 @@ void append_high_byte_first(std::string& out, std::uint64_t value, int bytes) {
 } // namespace
 
 void http_connection::read_frames() {
+    if (websocket_ != websocket_stage_::off) return read_messages_();
     std::size_t done = 0;
     while (done + shortest_frame <= data.size()) {
         const frame_outcome_ outcome = take_frame_(done);
@@ -170,6 +171,8 @@ void http_connection::on_message() {
 }
 
 void http_connection::send_message(const std::string& payload, int opcode) {
+    // Nothing may follow a close frame.
+    if (websocket_ > websocket_stage_::open) return;
     const std::size_t length = payload.size();
     std::string frame;
     frame.reserve(length + 10);
@@ -179,7 +182,7 @@ void http_connection::send_message(const std::string& payload, int opcode) {
     } else if (length < 65536) {
         frame += static_cast<char>(126);
         append_high_byte_first(frame, length, 2);
-    } else if (length < payload_limit) {
+    } else if (length < payload_limit || websocket_ != websocket_stage_::off) {
         frame += static_cast<char>(127);
         append_high_byte_first(frame, length, 8);
     } else {

@@ -56,7 +56,7 @@ void http_connection::on_recv(char* bytes, int length) {
         assert(rest >= 0 && taken > 0);
         read_head_();
         body_received = rest;
-        if (asks_for_upgrade_()) {
+        if (is_handshake()) {
             shake_hands_();
         } else {
             on_headers();
@@ -135,12 +135,9 @@ void http_connection::split_target_() {
     }
 }
 
-bool http_connection::asks_for_upgrade_() const {
-    return websockets && find_header_("\r\nUpgrade", headers) == "websocket";
-}
-
 void http_connection::shake_hands_() {
-    std::string key(find_header_("\r\nSec-WebSocket-Key", headers));
+    if (websocket_ != websocket_stage_::off) return answer_handshake_();
+    const std::string key(find_header_("\r\nSec-WebSocket-Key", headers));
     const int wanted = number(find_header_("\r\nSec-WebSocket-Version", headers));
     if (wanted != websocket_version || key.empty()) {
         // The request then completes like any other; what on_request() writes is refused, as
@@ -149,13 +146,21 @@ void http_connection::shake_hands_() {
         return;
     }
 
+    write(upgrade_head_(key), "");
+    upgrade_();
+}
+
+// Status line and header lines of the answer to a client with that key.
+std::string http_connection::upgrade_head_(std::string key) {
     key += websocket_guid;
-    write("HTTP/1.1 101 Switching Protocols\r\n"
-          "Upgrade: websocket\r\n"
-          "Connection: Upgrade\r\n"
-          "Sec-WebSocket-Accept: " +
-              base::base64(base::sha1(key)) + "\r\n",
-          "");
+    return "HTTP/1.1 101 Switching Protocols\r\n"
+           "Upgrade: websocket\r\n"
+           "Connection: Upgrade\r\n"
+           "Sec-WebSocket-Accept: " +
+           base::base64(base::sha1(key)) + "\r\n";
+}
+
+void http_connection::upgrade_() {
     upgraded = true;
     timeout = -1;
     max_request_length = 0;
@@ -164,7 +169,8 @@ void http_connection::shake_hands_() {
 
 void http_connection::finish_request_() {
     if (upgraded || !headers_done || body_received < content_length) return;
-    on_request();
+    // By the standard, a handshake that is refused has its answer.
+    if (websocket_ == websocket_stage_::off || !is_handshake()) on_request();
     if (keep_alive) reset();
 }
 
@@ -187,7 +193,7 @@ void http_connection::on_headers() {
 
 void http_connection::on_data(char* bytes, int length) {
     data.append(bytes, static_cast<std::size_t>(length));
-    if (upgraded && keep_alive) read_frames();
+    if (upgraded && (keep_alive || websocket_ != websocket_stage_::off)) read_frames();
 }
 
 void http_connection::on_upgrade() {

@@ -93,7 +93,7 @@ void http_connection::begin_strict_request_() {
     if (head.refusal != 0) return refuse_(head.refusal, std::numeric_limits<int>::max());
 
     strict_stage_ = stage_::body;
-    if (asks_for_upgrade_()) {
+    if (is_handshake()) {
         shake_hands_();
     } else {
         on_headers();
@@ -125,7 +125,7 @@ int http_connection::take_strict_body_(char* bytes, int length) {
 void http_connection::finish_strict_request_() {
     strict_stage_ = stage_::answering;
     // A handshake that failed has its answer.
-    if (!asks_for_upgrade_()) on_request();
+    if (!is_handshake()) on_request();
 }
 
 void http_connection::keep_ahead_(const char* bytes, int length) {
@@ -162,6 +162,5 @@ void http_connection::refuse_(int status, long long linger_bytes) {
 }
 
 bool http_connection::lingers_() const {
-    return strict_stage_ == stage_::refused && linger_bytes_ > 0 &&
-           std::time(nullptr) - last_active <= linger_seconds;
+    return linger_bytes_ > 0 && std::time(nullptr) - last_active <= linger_seconds;
 }

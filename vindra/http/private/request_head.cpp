@@ -46,10 +46,20 @@ std::string_view take(std::string_view& text, std::string_view mark) {
     return piece;
 }
 
-bool lists(std::string_view list, std::string_view word) {
+bool is_listed(std::string_view word, std::string_view list) {
     while (!list.empty())
         if (same(trimmed(take(list, ",")), word)) return true;
     return false;
+}
+
+// Value of the next line of that name, without blanks around it; `block` then begins behind it.
+std::optional<std::string_view> take_value(std::string_view& block, std::string_view name) {
+    while (!block.empty()) {
+        std::string_view value = take(block, line_end);
+        if (value.find(':') != std::string_view::npos && same(take(value, ":"), name))
+            return trimmed(value);
+    }
+    return std::nullopt;
 }
 
 } // namespace
@@ -66,12 +76,14 @@ request_head::request_head(std::string_view block) {
 
 std::optional<std::string_view> request_head::find(std::string_view name, std::string_view block) {
     take(block, line_end);
-    while (!block.empty()) {
-        std::string_view value = take(block, line_end);
-        if (value.find(':') != std::string_view::npos && same(take(value, ":"), name))
-            return trimmed(value);
-    }
-    return std::nullopt;
+    return take_value(block, name);
+}
+
+bool request_head::lists(std::string_view name, std::string_view word, std::string_view block) {
+    take(block, line_end);
+    while (const auto list = take_value(block, name))
+        if (is_listed(word, *list)) return true;
+    return false;
 }
 
 // The first fault counts.
@@ -109,8 +121,8 @@ void request_head::read_field(std::string_view name, std::string_view value) {
     } else if (same(name, "host")) {
         ++hosts;
     } else if (same(name, "connection")) {
-        says_close = says_close || lists(value, "close");
-        says_keep = says_keep || lists(value, "keep-alive");
+        says_close = says_close || is_listed("close", value);
+        says_keep = says_keep || is_listed("keep-alive", value);
     } else if (same(name, "expect")) {
         expects_continue = expects_continue || same(value, "100-continue");
     }

@@ -13,6 +13,10 @@ struct request_head {
     /// blanks around it.
     static std::optional<std::string_view> find(std::string_view name, std::string_view block);
 
+    /// True if a header line of that name has `word` in its comma-separated list, letters of either
+    /// case alike.
+    static bool lists(std::string_view name, std::string_view word, std::string_view block);
+
     /// Status to refuse the request with; 0 when there is nothing wrong with it.
     int refusal = 0;
 
