@@ -16,6 +16,7 @@ ANSWERED = {
     "echo_server": [b"GET /any?query HTTP/1.1\r\n", b"9 bytes of content"],
     "files": [b"# Examples\n", b"Content-Length: ", b"Not found\n"],
     "chat": [],
+    "echo_websocket": [b"Connected to ws://127.0.0.1:"],
     "dashboard": [],
     "worker": [b"602489 primes\n"],
     "todo": [b'{"done":false,"id":1,"text":"learn"}', b'{"done":true,"id":1,"text":"learn"}',
