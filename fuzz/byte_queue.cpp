@@ -1,5 +1,8 @@
-// Two queues, which share their blocks, beside a string each, with lengths around the size of a
-// block.
+// Two queues, which share their blocks, beside a std::string each.
+//
+// Input: calls of three bytes. The first says which queue (bit 3) and which call (bits 0 to 2:
+// append, +=, assign, clear and give back pages, else take). The other two are a length: the second
+// byte itself, or that beside one block of 64 KiB or three, by the third one modulo 4.
 
 #include "vindra/base/byte_queue.h"
 

@@ -1,4 +1,7 @@
 // Base64 and SHA-1 beside those of OpenSSL.
+//
+// Input: the bytes to encode, all of them. Their number matters most: SHA-1 pads to blocks of 64,
+// Base64 to groups of 3.
 
 #include "vindra/base/base64.h"
 #include "vindra/base/sha1.h"

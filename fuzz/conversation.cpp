@@ -1,7 +1,10 @@
-// Several clients of a reverse_proxy and their backends in well-formed conversations: what each end
+// Several clients of a reverse_proxy and their backends in well-formed conversations. What each end
 // has to receive is known to the byte, and so is who has to be turned away, attached and closed.
-//
 // Before each deed the relay comes to rest, so that what it knows of its ends is what they did.
+//
+// Input: a byte whose lowest bit chooses the walk, then at most 60 deeds. A deed is a byte modulo 8
+// (0 another client, 1 and 2 a request, 3 and 4 an answer, 5 a backend leaves, 6 a client leaves, 7
+// time passes) with its own bytes behind it: who, a host, lengths.
 
 #include "fuzz/relay_world.h"
 

@@ -1,4 +1,7 @@
 // The lines that go to a backend beside a plain reading of the rule.
+//
+// Input: a request's headers, all of it. The first line is the one that is never copied; a line
+// ends with CR LF.
 
 #include "vindra/proxy/http_proxy.h"
 

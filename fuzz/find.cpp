@@ -1,4 +1,7 @@
 // The search with wildcards beside one that follows every possibility, and header look-ups.
+//
+// Input: a byte (modulo 4 it is 0: letter case counts), the place to start at, a pattern of at most
+// 24 bytes up to a newline, and the text: the rest of the first 600 bytes.
 
 #include "vindra/base/find.h"
 

@@ -1,4 +1,7 @@
 // Forms beside the same rules written down plainly, and beside their own encoding.
+//
+// Input: the text of a form, all of it: pairs name=value with & between them, %XX for any byte and
+// + for a blank.
 
 #include "vindra/base/form.h"
 

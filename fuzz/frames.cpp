@@ -1,5 +1,9 @@
 // WebSocket frames in arbitrary pieces, after a handshake, beside a reader that is written down
 // plainly here.
+//
+// Input: a byte, one less than the length of a piece; a byte whose lowest bit asks for small
+// limits; then frames as a client sends them. The first byte modulo 5 also chooses how long a
+// message is sent back.
 
 #include "fuzz/fuzz.h"
 #include "tests/support/drain.h"

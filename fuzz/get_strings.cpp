@@ -1,6 +1,7 @@
-// The loader's cache: printable runs of any file, and the lines that name a library. A number in
-// front says how many times 64 zero bytes stand before the rest, so that runs come to lie across
-// the blocks that are read.
+// The loader's cache: printable runs of any file, and the lines that name a library.
+//
+// Input: the name of a library up to a newline, a byte, and the file. Before the file stand 64 zero
+// bytes times that byte, so that runs come to lie across the blocks that are read.
 
 #include "vindra/tls/import.h"
 

@@ -1,5 +1,8 @@
-// The map beside std::map and a list of keys after every call, under a hash that collides often and
-// the real one.
+// The map beside std::map and a list of keys after every call.
+//
+// Input: a byte whose lowest bit asks for a hash that collides often, then at most 300 calls: a
+// byte modulo 8 (0 to 3 set, 4 and 5 unset, 6 get, 7 reserve), the length of a key modulo 3, the
+// key, and for set and reserve a number.
 
 #include "vindra/base/hashmap.h"
 

@@ -1,4 +1,9 @@
-// Values built from the input, written as JSON and read again by a reader of its own.
+// Values built from the input, written as JSON and read again by a reader of its own. Splitting and
+// escaping too.
+//
+// Input: a number of delimiters modulo 4 and these; then a value: a byte for its kind (from 240 on
+// a number of any bits, else modulo 6: null, small number, truth, string, array, object) with its
+// own bytes behind it. The rest is a text to split and to escape.
 
 #include "vindra/base/arraylist.h"
 #include "vindra/base/escape.h"

@@ -1,4 +1,9 @@
-// A reverse_proxy and its backends, with the input as both ends of every connection.
+// A reverse_proxy and its backends, with the input as both ends of every connection. Everyone
+// leaves in the end, and no descriptor is left.
+//
+// Input: a byte whose lowest bit chooses one pair, or anything goes. Then deeds, a byte each:
+// modulo 6 for the pair, modulo 10 else, as two_ends() and anything() list them. What is sent
+// stands behind its deed: a length and so many bytes, or for anything() the bytes up to 0xFF.
 
 #include "fuzz/relay_world.h"
 

@@ -1,6 +1,10 @@
-// Requests in arbitrary pieces. After each piece every field, and every call of a hook with what
-// it could see, are those of a reader that is written down plainly here: it searches the head
-// from its start each time. And one message comes to the same whole and in pieces.
+// Requests in arbitrary pieces. After each piece every field, and every call of a hook with what it
+// could see, are those of a reader that is written down plainly here: it searches the head from its
+// start each time. And one message comes to the same whole and in pieces.
+//
+// Input: a byte, one less than the length of a piece; a byte of flags, whose lowest bit admits
+// WebSockets and which from 240 on is a limit for the length of a request; then what a client
+// sends.
 
 #include "vindra/base/base64.h"
 #include "vindra/base/sha1.h"

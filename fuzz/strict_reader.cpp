@@ -1,5 +1,8 @@
 // Requests read strictly, whole and in pieces, with the answers fetched sooner or later: hooks and
 // answers have to be the same. What a reader must never see is checked on the way.
+//
+// Input: a byte modulo 16, one less than the length of a piece; then what a client sends, at most
+// 4,095 bytes. A body may have 64.
 
 #include "vindra/http/http_connection.h"
 

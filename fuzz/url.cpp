@@ -1,6 +1,9 @@
-// URLs and international host names beside the same rules written down plainly; Punycode beside
-// the walk of RFC 3492 over the whole text for each code point, and beside libidn where it is
-// there and the two agree on what there is to encode.
+// URLs and international host names beside the same rules written down plainly; Punycode beside the
+// walk of RFC 3492 over the whole text for each code point, and beside libidn where it is there and
+// the two agree on what there is to encode.
+//
+// Input: a URL, or a host name, all of it; what lies beyond 2,048 bytes is only encoded, not
+// compared. UTF-8, right or wrong.
 
 #include "vindra/base/punycode.h"
 #include "vindra/base/split_url.h"
