@@ -8,11 +8,11 @@ namespace base {
 
 /// Growable array of integers or raw pointers, with a zero behind its last element.
 ///
-/// The closing zero lets an array of pointers be walked up to its first null. The array owns
-/// its block and never what its elements point at. It does not shrink: who takes an element
-/// out shifts the later ones down and writes the zero behind the new last one.
+/// The closing zero lets a caller walk an array of pointers up to the first null. The array owns
+/// its block, never what its elements point at. It does not shrink. To take an element out, shift
+/// the later ones down and write the zero behind the new last one.
 ///
-/// Memory exhaustion is not handled.
+/// Does not handle a lack of memory.
 template <typename T>
 class arraylist {
     static_assert(std::is_trivially_copyable_v<T>, "elements are moved by realloc");
@@ -23,24 +23,25 @@ public:
     arraylist& operator=(const arraylist&) = delete;
     ~arraylist() { std::free(items); }
 
-    /// Appends `item`; the capacity runs 2, 4, 8 and so on. Moves `items`.
+    /// Appends `item`. The capacity grows from 2 to 4, 8 and so on, and growth moves `items`.
     void add(T item);
 
-    /// Block of `capacity` + 1 elements, null until the first add(). Once there,
+    /// Block of `capacity` + 1 elements; null until the first add(). From then on
     /// `items[count]` is zero.
     T* items = nullptr;
 
-    /// Number of elements, and how many fit before the block grows.
+    /// Number of elements, and how many fit until the block grows.
     unsigned count = 0;
     unsigned capacity = 0;
 
 private:
+    // Gives the block room for `elements` and the closing zero.
     void resize_(unsigned elements);
 };
 
 template <typename T>
 void arraylist<T>::add(T item) {
-    // Doubling that wraps around is refused, so that a huge array never becomes a small one.
+    // A doubling that wraps around would turn a huge array into a small one.
     const unsigned doubled = 2 * capacity;
     if (capacity == 0) {
         resize_(2);
@@ -56,7 +57,7 @@ void arraylist<T>::add(T item) {
 template <typename T>
 void arraylist<T>::resize_(unsigned elements) {
     capacity = elements;
-    // NOLINTNEXTLINE(bugprone-sizeof-expression): for an array of pointers it is the pointer's.
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): T may be a pointer, and its own size is meant.
     const std::size_t bytes = (static_cast<std::size_t>(elements) + 1) * sizeof(T);
     items = static_cast<T*>(std::realloc(items, bytes));
 }

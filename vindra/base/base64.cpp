@@ -8,7 +8,7 @@ namespace {
 
 constexpr char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
-// The byte at `i`, or zero bits where the data has ended.
+// The byte at `i`, or 0 past the end.
 std::uint32_t byte_at(const std::string& data, std::size_t i) {
     return i < data.size() ? static_cast<unsigned char>(data[i]) : 0;
 }

@@ -24,12 +24,13 @@ struct byte_queue::block {
 
 namespace {
 
-// Many queues hold a few hundred bytes each. Were all blocks to begin at one offset, these
-// would fight for the same few cache sets; a step of five lines spreads them over a page.
+// Many queues hold a few hundred bytes each. If all blocks began at one offset, these bytes would
+// compete for the same few cache sets. A step of five cache lines spreads them over a page.
 constexpr std::size_t cache_line = 64;
 constexpr std::size_t offsets = 64;
 constexpr std::size_t offset_step = 5;
 
+// Where in its memory a block begins.
 std::size_t offset_of(const char* memory) {
     const auto number = reinterpret_cast<std::uintptr_t>(memory) / block_store::block_bytes;
     return number * offset_step % offsets * cache_line;

@@ -10,9 +10,9 @@ namespace base {
 
 /// First-in-first-out bytes between two ends of unequal speed.
 ///
-/// Behaves as one byte string; costs as a queue: taking from the front never moves what
-/// stays, and a drained queue holds no memory. Bytes lie in blocks of 64 KiB that all queues
-/// of the process share, and whose pages release_pages() returns. One thread uses them.
+/// Behaves like one byte string and costs what a queue costs: taking bytes from the front never
+/// moves the others, and an empty queue holds no memory. Bytes lie in blocks of 64 KiB, from a
+/// store that all queues of the process share. For one thread.
 class VINDRA_API byte_queue {
 public:
     byte_queue() = default;
@@ -24,13 +24,13 @@ public:
     std::size_t size() const { return size_; }
     bool empty() const { return size_ == 0; }
 
-    /// Copies `length` bytes behind those that wait. They must not lie in this queue.
+    /// Appends a copy of `length` bytes, which must not lie in this queue.
     void append(const char* bytes, std::size_t length);
 
-    /// Copies `text` behind the bytes that wait.
+    /// Appends a copy of `text`.
     byte_queue& operator+=(std::string_view text);
 
-    /// Drops everything that waits and puts `text` in its place.
+    /// Replaces everything that waits by a copy of `text`.
     void assign(std::string_view text);
 
     /// Drops everything that waits.
@@ -39,8 +39,8 @@ public:
     /// Moves at most `capacity` bytes from the front into `out` and returns how many.
     std::size_t take(char* out, std::size_t capacity);
 
-    /// Returns the pages of blocks that no queue has needed since the last call to the kernel,
-    /// but for a few mebibytes. A server calls it once a second.
+    /// Returns memory to the kernel: the pages of blocks that no queue has needed since the last
+    /// call, except a few mebibytes. A server calls this once a second.
     static void release_pages();
 
     /// Sets the function called when the queue goes from empty to non-empty; null clears it. There
@@ -67,6 +67,8 @@ private:
     struct block;
 
     bool equals_(std::string_view text) const;
+
+    // Links an empty block behind the last one; returns the first one to the store.
     void add_block_();
     void drop_first_();
 

@@ -8,7 +8,7 @@ namespace base {
 
 namespace {
 
-// The letter behind the backslash, or 0 where there is no short escape.
+// The letter that follows the backslash; 0 if there is no short escape.
 char short_escape(char c) {
     switch (c) {
     case '"':
@@ -42,7 +42,7 @@ void append_unit(std::string& out, std::uint32_t utf16_unit) {
     append_hex(out, utf16_unit, 4);
 }
 
-// Appends the code point at `p` and returns how many bytes it took.
+// Appends the code point at `p` and returns the length of its sequence.
 int append_code_point(std::string& out, const char* p) {
     int length = 0;
     const int code_point = utf8_decode(p, &length);

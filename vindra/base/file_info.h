@@ -4,22 +4,23 @@
 
 #include <string>
 
-/// `path` with each backslash turned into a slash, slashes that follow a slash and "." folders
-/// after a slash left out, and no slash at its end unless it is all there is. A "." at the very
-/// start or end stays, and so does "..": nothing is looked up.
+/// `path` in a simpler form, without asking the file system. Each backslash becomes a slash.
+/// Slashes that follow a slash, "." folders that follow a slash, and a slash at the end are
+/// dropped. The path
+/// "/", a "." at the very start or end, and ".." stay.
 VINDRA_API std::string normalise_path(const std::string& path);
 
-/// What the file system says of a path at one moment. Times and sizes are doubles, so that a
-/// modification time keeps its fraction: two certificates put in place within one second differ.
+/// What the file system tells about a path at one moment. The modification time is a double and so
+/// keeps its fraction: two files put in place within one second differ.
 struct VINDRA_API file_info {
-    /// Looks `path` up as it is; a symbolic link counts as what it points at.
+    /// Looks `path` up. Follows symbolic links.
     explicit file_info(const std::string& path);
 
-    /// There is something at the path, and it is a folder.
+    /// Something exists at the path; and it is a folder.
     bool exists = false;
     bool is_directory = false;
 
-    /// Seconds since the epoch; 0 when there is no such file.
+    /// Time of the last modification in seconds since the epoch; 0 if there is no such file.
     double mtime = 0;
 
     /// Bytes.

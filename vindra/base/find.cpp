@@ -27,11 +27,12 @@ unsigned char at(std::string_view bytes, std::size_t i) {
     return static_cast<unsigned char>(bytes[i]);
 }
 
-// Searches for pieces of a pattern that hold no star.
+// Searches for a piece of a pattern, which contains no star.
 class piece_search {
 public:
     piece_search(std::string_view text, const byte_table& table) : text_(text), table_(table) {}
 
+    // Place of the first match at or after `from`, or `nowhere`.
     std::size_t first(std::string_view piece, std::size_t from) const {
         if (piece.size() > text_.size() - from) return nowhere;
         if (piece.empty()) return from;
@@ -43,7 +44,7 @@ public:
     }
 
 private:
-    // First place in [from, end) where a piece that begins with `lead` may start; `end` if none.
+    // First place in [from, end) where a piece that begins with `lead` may start; else `end`.
     std::size_t candidate(char lead, std::size_t from, std::size_t end) const {
         if (lead == '?' || from >= end) return from;
         if (!is_folded(lead)) {
@@ -56,7 +57,7 @@ private:
         return from;
     }
 
-    // Whether more than one byte of the text counts as `c`.
+    // True if more than one byte of the text matches `c`.
     bool is_folded(char c) const {
         const unsigned char lower = static_cast<unsigned char>(c | 0x20);
         return &table_ == &folded && lower >= 'a' && lower <= 'z';
@@ -86,8 +87,8 @@ std::ptrdiff_t find(std::string_view text, std::string_view pattern, std::size_t
     if (from > text.size()) return -1;
     const piece_search search(text, find_case_insensitive() ? folded : unchanged);
 
-    // The first place of each piece behind the one before it is enough: a later place of one
-    // leaves less room for the next, never more. So nothing is tried twice.
+    // Each piece takes the first place behind the piece before it. A later place would only leave
+    // less room for the next piece, so nothing is tried twice.
     std::size_t first = nowhere;
     std::size_t behind = from;
     for (;;) {

@@ -7,20 +7,19 @@
 
 namespace base {
 
-/// Whether find() folds ASCII letters; true at the start. Process-wide, for the one thread
-/// that searches.
+/// Whether find() ignores the case of ASCII letters; true at the start. One setting for the
+/// process, which only one thread may use.
 VINDRA_API bool& find_case_insensitive();
 
-/// Position of the first match of `pattern` in `text` at or after `from`; -1 when there is
-/// none, and when `from` lies past the end.
+/// Position of the first match of `pattern` in `text` at or after `from`. -1 if there is none or
+/// `from` lies past the end.
 ///
-/// In the pattern "?" stands for any one byte and "*" for any run of bytes, which may be empty
-/// and may cross lines; a leading "*" therefore matches at `from` itself. While
-/// find_case_insensitive() is set, A to Z and a to z are the same letters; other bytes are
-/// compared as they are. Both strings may hold zero bytes.
+/// In the pattern "?" matches any one byte and "*" any run of bytes. A run may be empty and may
+/// cross lines, so a leading "*" matches at `from` itself. While find_case_insensitive() is true,
+/// A to Z equal a to z. Both strings may contain zero bytes.
 ///
-/// Costs at most the product of the two lengths, however many wildcards there are, and about
-/// one memchr() a line for header look-ups, whose patterns begin with a line end.
+/// Takes at most the product of the two lengths, however many wildcards there are. A look-up of a
+/// header, whose pattern begins with a line end, takes about one memchr() a line.
 VINDRA_API std::ptrdiff_t find(std::string_view text, std::string_view pattern,
                                std::size_t from = 0);
 

@@ -21,8 +21,8 @@ struct byte_range {
 
 constexpr byte_range continuation{0x80, 0xBF};
 
-// How many bytes follow the lead byte of a UTF-8 sequence, 0 where it is no lead byte, and which
-// ones may come second: that excludes overlong forms, surrogates, and numbers above U+10FFFF.
+// How many bytes follow the lead byte of a UTF-8 sequence; 0 if `lead` is none. `second` becomes
+// the range of the next byte, which excludes overlong forms, surrogates and values above U+10FFFF.
 int following(unsigned char lead, byte_range& second) {
     second = continuation;
     if (lead < 0xC2 || lead > 0xF4) return 0;
@@ -35,8 +35,8 @@ int following(unsigned char lead, byte_range& second) {
     return 3;
 }
 
-// Bytes of the sequence at `at`; `valid` tells whether it is whole. One that breaks off ends before
-// the byte that cannot belong to it.
+// Length of the sequence at `at`; `valid` tells whether it is complete. An incomplete one ends
+// before the byte that cannot belong to it.
 std::size_t sequence_length(std::string_view text, std::size_t at, bool& valid) {
     const auto lead = static_cast<unsigned char>(text[at]);
     valid = lead < 0x80;
@@ -53,7 +53,7 @@ std::size_t sequence_length(std::string_view text, std::size_t at, bool& valid) 
     return length;
 }
 
-// The same text with U+FFFD for each piece that is no UTF-8.
+// The text with U+FFFD in place of each invalid sequence.
 std::string valid_utf8(std::string_view text) {
     std::string out;
     out.reserve(text.size());

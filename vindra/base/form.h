@@ -10,30 +10,30 @@
 
 namespace base {
 
-/// Bytes of a percent-encoded text (RFC 3986, section 2.1): each "%" with two hexadecimal digits
-/// behind it becomes the byte that they name. Any other "%" stays as it is, and so does "+".
+/// Decodes a percent-encoded text (RFC 3986, section 2.1). Each "%" followed by two hexadecimal
+/// digits becomes the byte that they name. Any other "%" stays, and so does "+".
 ///
-/// The result may hold any byte, zero and "/" among them: split a path first and decode its
-/// segments, and check what names a file.
+/// The result may contain any byte, also zero and "/". So split a path before you decode its
+/// segments, and check a result that is to name a file.
 VINDRA_API std::string percent_decode(std::string_view text);
 
-/// Names and values of a query (http_connection::query) or of the body of an HTML form, as the URL
-/// standard reads application/x-www-form-urlencoded.
+/// Names and values of a query (http_connection::query) or of the body of an HTML form, read as
+/// the URL standard reads application/x-www-form-urlencoded.
 ///
-/// Pairs keep their order and a name may come more than once. "+" stands for a blank, a missing
-/// "=" for an empty value. Names and values are always valid UTF-8: what is not becomes U+FFFD.
+/// Pairs keep their order, and a name may occur more than once. "+" means a blank. A pair without
+/// "=" has an empty value. Names and values are valid UTF-8: invalid bytes become U+FFFD.
 class VINDRA_API form {
 public:
     /// A name and its value.
     using pair = std::pair<std::string, std::string>;
 
-    /// Reads `text`, which is never refused.
+    /// Reads `text`. Any text is accepted.
     explicit form(std::string_view text);
 
-    /// Value of the first pair of that name; nothing when there is none. Letter case counts.
+    /// Value of the first pair with that name; nothing if there is none. Case-sensitive.
     std::optional<std::string> get(std::string_view name) const;
 
-    /// Values of all pairs of that name, in order.
+    /// Values of all pairs with that name, in order.
     std::vector<std::string> get_all(std::string_view name) const;
 
     /// Every pair, in order.

@@ -17,67 +17,67 @@ namespace base {
 
 /// Map from strings to integers or raw pointers that remembers the order of first insertion.
 ///
-/// Open addressing with linear probing, never more than about half full. The map owns its
-/// keys and never what its values point at, so unset() hands the removed value back. An
-/// absent key reads as zero: store no zeros and no nulls, they cannot be told from absence.
+/// Open addressing with linear probing, at most about half full. The map owns its keys, never
+/// what its values point at: unset() returns the removed value. An absent key reads as zero, so
+/// a stored zero or null looks like an absent key.
 ///
-/// Nothing here shrinks; memory exhaustion is not handled.
+/// Does not shrink, and does not handle a lack of memory.
 template <typename T>
 class hashmap {
     static_assert(std::is_trivially_copyable_v<T>, "slots are zero-filled and copied as bytes");
 
 public:
-    /// Hash of `length` bytes; `bytes[0]` is readable even when `length` is 0.
+    /// Hash of `length` bytes. `bytes[0]` can be read even if `length` is 0.
     using hash_function = std::uint32_t(const char* bytes, unsigned length);
 
-    /// One place of the table; free exactly when `key` is null.
+    /// One place of the table; free if and only if `key` is null.
     struct slot {
-        /// Hash of `*key`, and that key, which the map owns, and what it is mapped to.
+        /// Hash of `*key`, the key itself (owned by the map), and its value.
         std::uint32_t hash;
         std::string* key;
         T value;
     };
 
-    /// An empty map, which allocates nothing before its first key.
+    /// An empty map. Allocates nothing until the first key comes.
     explicit hashmap(hash_function* function = orlix_hash) : hash(function) {}
     hashmap(const hashmap&) = delete;
     hashmap& operator=(const hashmap&) = delete;
     ~hashmap();
 
-    /// Makes room for `n` slots; nothing happens when there are that many. Keys stay where
-    /// they are in memory, slots do not.
+    /// Makes room for `n` slots; does nothing if there are that many. Moves the slots in memory,
+    /// not the keys.
     void reserve(unsigned n);
 
-    /// Stores `value` under `key`. A key that is there keeps its place in the order.
+    /// Stores `value` under `key`. An existing key keeps its position.
     void set(const std::string& key, T value);
 
-    /// The value stored under `key`; zero when there is none.
+    /// The value stored under `key`; zero if there is none.
     T get(const std::string& key) const;
 
-    /// Takes `key` out and returns its value; zero when it was not there. Rebuilds the table,
-    /// so a removal costs as much as the table is long.
+    /// Removes `key` and returns its value; zero if it was absent. Rebuilds the table, so the cost
+    /// is linear in its length.
     T unset(const std::string& key);
 
-    /// Takes out the `n` keys that `doomed` points at. Leaves the map as unset() of one after the
-    /// other does, to the last slot, but passes over the list of keys only once. Keys that are not
-    /// there are ignored. None of the strings may be one of this map.
+    /// Removes the `n` keys that `doomed` points at and ignores absent ones. The result is the same
+    /// as that of unset() for each of them, slot for slot, but takes only one pass over the list of
+    /// keys. `doomed` may not point at strings of this map.
     void unset_all(const std::string* const* doomed, unsigned n);
 
-    /// Table of `capacity` places; null while that is 0.
+    /// Table of `capacity` slots; null while that is 0.
     slot* slots = nullptr;
 
-    /// The keys in order of first insertion, with a null behind the last one. Each is the very
-    /// string that its slot points at. Null while `capacity` is 0.
+    /// The keys in order of first insertion, then a null. Each is the string that its slot points
+    /// at. Null while `capacity` is 0.
     std::string** keys = nullptr;
 
     /// Number of keys, and of slots.
     unsigned count = 0;
     unsigned capacity = 0;
 
-    /// Occupied slots of other keys that insertions have stepped over so far; for diagnosis.
+    /// How many slots of other keys set() has stepped over so far; for diagnosis.
     unsigned collisions = 0;
 
-    /// Not to be changed while there are keys.
+    /// Do not change it while there are keys.
     hash_function* hash;
 
 private:
@@ -88,12 +88,26 @@ private:
         return place.hash == h && place.key->size() == key.size() &&
                std::memcmp(place.key->data(), key.data(), key.size()) == 0;
     }
+
+    // Makes room for one more key.
     void grow_();
+
+    // Puts a new key with its value into a free slot and at the end of `keys`.
     void fill_(slot& place, std::uint32_t h, const std::string& key, T value);
+
+    // The slot of `key`, or null. Computes no hash while the map is empty.
     slot* find_(const std::string& key) const;
+
+    // Moves every occupied slot into a new table by the hash that it has already.
     void rebuild_(unsigned slot_count);
+
+    // Stores an element that is in no slot in the first free one of its chain.
     void put_(const slot& element);
+
+    // Moves elements as rebuild_() would after the slot `freed` has lost its key.
     void settle_after_(unsigned freed);
+
+    // Removes the string at the address `key` from `keys` and deletes it.
     void forget_(const std::string* key);
 };
 
@@ -130,7 +144,7 @@ void hashmap<T>::set(const std::string& key, T value) {
         i = (i + 1) % capacity;
     } while (i != start);
 
-    // Growth keeps half of the table free, so only a map whose fields were tampered with gets here.
+    // Growth keeps half of the table free. Only a map whose fields were tampered with gets here.
     std::puts("Error! Out of space!");
     std::fflush(stdout);
 }
@@ -147,12 +161,11 @@ T hashmap<T>::unset(const std::string& key) {
     if (!place) return T{};
     const T value = place->value;
 
-    // `key` may be the map's own string: it is gone after this line.
+    // `key` may be the map's own string: do not use it after this line.
     forget_(place->key);
     place->key = nullptr;
 
-    // No tombstone is left and nothing is shifted back: every chain is made anew, so none can
-    // be cut by the slot that became free.
+    // Rebuilding every chain leaves no tombstone, and the free slot interrupts no chain.
     rebuild_(capacity);
     return value;
 }
@@ -198,7 +211,6 @@ void hashmap<T>::fill_(slot& place, std::uint32_t h, const std::string& key, T v
     keys[count] = nullptr;
 }
 
-// The slot of `key`, or null. Asks for no hash while the map is empty.
 template <typename T>
 typename hashmap<T>::slot* hashmap<T>::find_(const std::string& key) const {
     if (count == 0) return nullptr;
@@ -214,7 +226,6 @@ typename hashmap<T>::slot* hashmap<T>::find_(const std::string& key) const {
     return nullptr;
 }
 
-// Moves every occupied slot into a fresh table by the hashes that they already have.
 template <typename T>
 void hashmap<T>::rebuild_(unsigned slot_count) {
     slot* old = slots;
@@ -227,7 +238,6 @@ void hashmap<T>::rebuild_(unsigned slot_count) {
     std::free(old);
 }
 
-// Stores an element that is in no slot in the first free one of its chain.
 template <typename T>
 void hashmap<T>::put_(const slot& element) {
     unsigned i = element.hash % capacity;
@@ -236,10 +246,10 @@ void hashmap<T>::put_(const slot& element) {
     slots[i] = element;
 }
 
-// Does what a rebuild of the table does once the slot `freed` has lost its key, where it does
-// anything. A rebuild goes through the slots in order. So an element stays if those that it once
-// stepped over come before it again: all do but those behind `freed`, up to the next free slot, and
-// those of the run across the end of the table, whose front now comes before its back.
+// A rebuild visits the slots in order. An element stays in its slot if the elements that it once
+// stepped over are visited before it again. Two kinds of elements may move: those behind `freed` up
+// to the next free slot, and those of a run that crosses the end of the table, because the part at
+// the front is now visited first.
 template <typename T>
 void hashmap<T>::settle_after_(unsigned freed) {
     arraylist<slot> lifted;
@@ -264,7 +274,6 @@ void hashmap<T>::settle_after_(unsigned freed) {
     for (unsigned i = 0; i < lifted.count; ++i) put_(lifted.items[i]);
 }
 
-// Takes the string `key`, told by its address, out of `keys` and deletes it.
 template <typename T>
 void hashmap<T>::forget_(const std::string* key) {
     unsigned i = 0;

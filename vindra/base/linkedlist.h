@@ -8,16 +8,16 @@ namespace base {
 
 /// First-in-first-out list of integers or raw pointers, with one built-in cursor.
 ///
-/// The list owns its nodes and never what their values point at. The cursor lets its owner
-/// take elements out during a walk:
+/// The list owns its nodes, never what their values point at. The cursor allows removals during a
+/// walk:
 ///
 /// ```
 /// head -> [a] -> [b] -> [c]        prev = the node of a: b is being visited
 /// head -> [a] -> [c]               after remove(): next = the node of c, prev = null
 /// ```
 ///
-/// Only pop() and remove() take elements out. pop() keeps `prev` valid but not `next`: do not
-/// pop between a remove() and the step that follows it.
+/// Only pop() and remove() remove elements. pop() keeps `prev` valid but not `next`: do not call
+/// it between remove() and the next step of the walk.
 template <typename T>
 class linkedlist {
     static_assert(std::is_trivially_copyable_v<T>, "values are handed out by copy");
@@ -25,13 +25,13 @@ class linkedlist {
 public:
     /// One element. Owns the node behind it, and with it the rest of the chain.
     struct node {
-        /// The last node of a chain, with `v` in it.
+        /// The last node of a chain, with the value `v`.
         explicit node(T v) : value(v) {}
         node(const node&) = delete;
         node& operator=(const node&) = delete;
         ~node();
 
-        /// The element, and the node behind it; null in the last one.
+        /// The element, and the next node; null in the last one.
         T value;
         node* next = nullptr;
     };
@@ -44,39 +44,40 @@ public:
     /// Appends `item` behind the last element.
     void add(T item);
 
-    /// Takes the first element out and returns its value; zero when the list is empty.
+    /// Removes the first element and returns its value; zero if the list is empty.
     T pop();
 
-    /// Takes the element at the cursor out, the one behind `prev`; nothing happens where there
-    /// is none. Afterwards the cursor is spent and `next` is the node that followed it.
+    /// Removes the element at the cursor, the one behind `prev`; does nothing if there is none.
+    /// Then `prev` is null and `next` is the node that followed the removed one.
     void remove();
 
-    /// Sentinel that lives as long as the list; the first element stands behind it.
+    /// Sentinel before the first element; lives as long as the list.
     node* head = new node(T{});
 
-    /// Last node: the sentinel exactly when the list is empty.
+    /// Last node; the sentinel if the list is empty.
     node* tail = head;
 
-    /// Cursor: the node before the element that the owner is visiting; null when spent.
+    /// Cursor: the node before the element that the owner is visiting; null after remove().
     node* prev = nullptr;
 
-    /// Where a walk goes on after remove(); null when there is no such place.
+    /// Where the walk continues after remove(); null if there is no such node.
     node* next = nullptr;
 
     /// Number of elements.
     int count = 0;
 
-    /// How many elements have been taken out so far; wraps around. Tells whoever keeps an index
-    /// beside the list that others have changed it.
+    /// How many elements have been removed so far; wraps around. Shows the owner of an index beside
+    /// the list that others have changed the list.
     std::uint32_t removals() const { return removals_; }
 
 private:
+    // Removes the node behind `before` and returns its value.
     T unlink_(node* before);
 
     std::uint32_t removals_ = 0;
 };
 
-// In a loop: a chain of a million nodes must not need a million stack frames.
+// A loop, because recursion would need a stack frame for each node of the chain.
 template <typename T>
 linkedlist<T>::node::~node() {
     while (next) {
@@ -115,7 +116,6 @@ void linkedlist<T>::remove() {
     prev = nullptr;
 }
 
-// Takes the node behind `before` out and frees it alone, not the chain that it owns.
 template <typename T>
 T linkedlist<T>::unlink_(node* before) {
     node* victim = before->next;
@@ -123,7 +123,7 @@ T linkedlist<T>::unlink_(node* before) {
     if (tail == victim) tail = before;
     before->next = victim->next;
     const T value = victim->value;
-    victim->next = nullptr;
+    victim->next = nullptr; // else it would take the rest of the chain with it
     delete victim;
     --count;
     ++removals_;

@@ -6,11 +6,11 @@
 
 namespace base {
 
-/// Decimal text of a number: whole numbers with all their digits, others with six
-/// significant ones ("%g").
+/// Decimal text of a number. A whole number gets all its digits, any other six significant
+/// ones ("%g").
 ///
-/// 3.0 gives 3, 1e20 its 21 digits, 1234567.5 gives 1.23457e+06. Infinities and NaN give
-/// what the C library prints for them.
+/// 3.0 becomes 3, 1e20 becomes 21 digits, 1234567.5 becomes 1.23457e+06. Infinities and NaN
+/// become what the C library prints for them.
 VINDRA_API std::string num(double value);
 
 } // namespace base

@@ -9,7 +9,7 @@ std::uint32_t orlix_hash(const char* data, unsigned length) {
     std::uint32_t h = 19;
     for (unsigned i = 1; i < length; ++i) h = byte_at(i) * h + 13;
 
-    // The first byte joins last: it alone tells "a" from "b", whose loop never runs.
+    // The first byte comes last. It makes "a" differ from "b", for which the loop never runs.
     const std::uint32_t first = byte_at(0);
     h = first ^ ((h + first) << 2);
 

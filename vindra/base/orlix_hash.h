@@ -6,13 +6,14 @@
 
 namespace base {
 
-/// 32-bit hash of a byte string: the hash of every map of this library.
+/// 32-bit hash of a byte string, used by every map of this library.
 ///
-/// Byte 0 is read even when `length` is 0 or 1, so `data` must point at one readable byte
-/// at least; the contents of a `std::string` always do, because of their closing zero.
-/// An empty key hashes as if that byte were its own.
+/// Reads byte 0 even if `length` is 0, and hashes an empty key as if that byte belonged to it.
+/// So `data` must point at one readable byte at least. That of a `std::string` always does,
+/// because of the closing zero.
 ///
-/// Not for untrusted keys in bulk: the function is fixed, so collisions can be computed.
+/// Do not use it for many keys of unknown origin: the function is fixed, so an attacker can
+/// compute collisions.
 VINDRA_API std::uint32_t orlix_hash(const char* data, unsigned length);
 
 } // namespace base

@@ -19,8 +19,8 @@ constexpr std::uint32_t damp = 700;
 constexpr std::uint32_t initial_bias = 72;
 constexpr std::uint32_t initial_n = 0x80;
 
-// How many of the code points before a place have been encoded: a binary indexed tree, so
-// that neither asking nor marking walks the text.
+// Counts the encoded code points before a place. A binary indexed tree, so neither counting nor
+// marking walks the text.
 class encoded_places {
 public:
     explicit encoded_places(unsigned places) {
@@ -66,21 +66,21 @@ void append_delta(std::string& out, std::uint32_t delta, std::uint32_t bias) {
     out += digits[q];
 }
 
-// The deltas of section 6.3. Where the RFC walks the whole text for each code point that it
-// contains, this goes through the places of each in order and has the tree count what such a
-// walk would have passed; else a label of a megabyte would hold the loop for minutes.
+// Writes the deltas of section 6.3. The RFC walks the whole text for each code point in it, which
+// would take minutes for a label of a megabyte. This goes through the places of each code point
+// and lets the tree count what the walk would have passed.
 class delta_writer {
 public:
     delta_writer(std::string& out, unsigned length)
         : out_(out), encoded_(length), length_(length) {}
 
-    // Places of ASCII, before all others.
+    // Call this for each ASCII place before all other places.
     void mark_basic(unsigned place) {
         encoded_.mark(place);
         ++basic_;
     }
 
-    // The `count` places, in order, of the code point `value`, which is above the last one.
+    // Encodes the code point `value`, higher than the last one, at its `count` places in order.
     void write(std::uint32_t value, const std::uint64_t* places, unsigned count) {
         delta_ += (value - n_) * (basic_ + others_ + 1);
         n_ = value;
@@ -130,7 +130,7 @@ std::string punycode(const std::string& text) {
 
     std::string out;
     delta_writer writer(out, code_points.count);
-    // Code point in the upper half, place in the lower: sorted, they come by value, then place.
+    // Code point in the upper half and place in the lower, to sort by value and then by place.
     arraylist<std::uint64_t> others;
     for (unsigned i = 0; i < code_points.count; ++i) {
         const std::uint32_t code_point = code_points.items[i];

@@ -33,7 +33,7 @@ std::string padded(const std::string& data) {
     return message;
 }
 
-// The message schedule: the block's 16 words, and 64 more made of them.
+// The message schedule: the block's 16 words and 64 more made of them.
 std::array<std::uint32_t, 80> schedule(const char* block) {
     std::array<std::uint32_t, 80> w{};
     for (std::size_t t = 0; t < 16; ++t) w[t] = read_big_endian(block + 4 * t);

@@ -7,7 +7,7 @@
 
 namespace {
 
-// Whether `separator` was found with something before it.
+// True if a separator was found and something stands before it.
 bool splits(std::size_t separator) {
     return separator != std::string::npos && separator > 0;
 }
@@ -41,7 +41,7 @@ split_url::split_url(std::string const& url) : scheme("http"), path("/") {
     }
 
     if (const std::size_t colon = remainder.find(':'); splits(colon)) {
-        // No digits give 0 and what follows them is ignored: strtol as it is.
+        // strtol() gives 0 without digits and ignores what follows them.
         port = static_cast<int>(std::strtol(remainder.c_str() + colon + 1, nullptr, 10));
         remainder.erase(colon);
     } else {

@@ -6,8 +6,8 @@ namespace base {
 
 namespace {
 
-// Whether a code point may not stand in a sequence with `n` continuation bytes although it
-// fits one. The upper bound is beyond what three bytes hold; four are let through unchecked.
+// True if a sequence with `n` continuation bytes may not encode this code point, although it has
+// the room. The upper bound is more than three bytes hold, and four are not checked.
 bool is_excluded(std::uint32_t code_point, int n) {
     return n == 2 && ((code_point >= 0xd800 && code_point <= 0xdfff) || code_point >= 0x11000);
 }
@@ -15,7 +15,7 @@ bool is_excluded(std::uint32_t code_point, int n) {
 } // namespace
 
 int utf8_decode(const char* p, int* length) {
-    // The most that a sequence can say, by its number of continuation bytes.
+    // The largest value of a sequence, by its number of continuation bytes.
     static constexpr std::uint32_t mask[] = {0x7f, 0x7ff, 0xffff, 0x1fffff};
 
     *length = 1;
@@ -23,8 +23,8 @@ int utf8_decode(const char* p, int* length) {
     if (first < 0x80) return first;
     if (first < 0xc0) return -1;
 
-    // One continuation byte for each one bit that follows the top bit of the first byte. A
-    // zero byte is none, so the loop stops where the string does.
+    // Each 1 bit behind the top bit of the first byte announces a continuation byte. A zero byte
+    // is none, so the loop ends where the string does.
     std::uint32_t value = first;
     int n = 0;
     while (first & (0x40 >> n)) {

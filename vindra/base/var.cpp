@@ -17,7 +17,7 @@ using array_type = base::arraylist<var*>;
 using object_type = base::hashmap<var*>;
 using stack_type = base::arraylist<var::var_data*>;
 
-// Payload of a handle of kind `wanted`; null for other kinds and where there is no body.
+// Payload of a handle of kind `wanted`; null for other kinds and without a body.
 template <typename T>
 T* payload(const var& handle, std::int32_t wanted) {
     if (handle.kind != wanted || !handle.value.data) return nullptr;
@@ -59,7 +59,7 @@ void free_payload(const var& handle) {
     }
 }
 
-// An array whose block holds `pieces` elements and is never to grow.
+// An array with room for exactly `pieces` elements.
 array_type* array_for(unsigned pieces) {
     auto* array = new array_type;
     // NOLINTNEXTLINE(bugprone-sizeof-expression): the elements are the pointers.
@@ -100,7 +100,7 @@ bool holds_only_arrays(const array_type& array) {
     return true;
 }
 
-// One element a line: the form of a pretty array of arrays.
+// One element a line, as a pretty array of arrays is written.
 std::string block_json(const array_type& array, stack_type& stack) {
     const unsigned depth = stack.count;
     std::string text = "[\n";
@@ -111,7 +111,7 @@ std::string block_json(const array_type& array, stack_type& stack) {
     return text + '\n' + indent(depth - 1) + ']';
 }
 
-// The blanks inside the brackets stay in the compact form too.
+// The compact form too has blanks inside the brackets.
 std::string inline_json(const array_type& array, stack_type& stack, bool pretty) {
     std::string text = "[ ";
     for (unsigned i = 0; i < array.count; ++i) {
@@ -121,7 +121,7 @@ std::string inline_json(const array_type& array, stack_type& stack, bool pretty)
     return text + " ]";
 }
 
-// A nested object starts on a line of its own, below its key.
+// In pretty text a nested object starts on its own line, below its key.
 std::string object_json(const object_type& object, stack_type& stack, bool pretty) {
     const unsigned depth = stack.count;
     std::string text;
@@ -138,7 +138,7 @@ std::string object_json(const object_type& object, stack_type& stack, bool prett
     return text + '}';
 }
 
-// The container `handle`, with its body on the stack; the depth inside is one more.
+// Text of a container, whose body is on the stack meanwhile.
 std::string container_json(const var& handle, stack_type& stack, bool pretty) {
     stack.add(handle.value.data);
     std::string text;
@@ -153,7 +153,7 @@ std::string container_json(const var& handle, stack_type& stack, bool pretty) {
     return text;
 }
 
-// Whole numbers as people write them, others with the digits that tell them apart.
+// Whole numbers without an exponent, others with as many digits as tell them apart.
 std::string exact_number(double number) {
     constexpr double written_out_max = 9007199254740992.0;
     if (!std::isfinite(number)) return "null";
@@ -163,7 +163,7 @@ std::string exact_number(double number) {
     return {text, std::to_chars(std::begin(text), std::end(text), number).ptr};
 }
 
-// base::escape() writes a zero byte in a way that JSON does not know.
+// base::escape() writes a zero byte in a way that is not JSON.
 std::string exact_string(const std::string& text) {
     std::string quoted = "\"";
     std::size_t at = 0;
@@ -227,7 +227,7 @@ var var::object() {
     return {object_kind, new object_type};
 }
 
-// `other` may live in the very body that this handle gives up, so it is copied first.
+// `other` may be an element of the body that this handle releases, so it is copied first.
 var& var::operator=(const var& other) {
     var copy(other);
     std::swap(kind, copy.kind);
@@ -259,7 +259,7 @@ int var::size() const {
 
 var var::get(int index) const {
     const std::size_t length = length_of(*this);
-    // Wraps around where it counts from before the start, and is then out of range.
+    // An index before the start wraps around and is then out of range.
     const std::size_t at = static_cast<std::size_t>(index) + (index < 0 ? length : 0);
     if (at >= length) return {};
 
@@ -319,11 +319,11 @@ void var::set(const std::string& key, const var& item) {
     } else {
         object->set(key, new var(item));
     }
-    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): the map never drops it, it grows.
+    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): the map keeps it, since it grows.
 }
 
 var var::split(const std::string& delimiters) const {
-    // Every delimiter becomes the zero byte that ends its piece.
+    // Turn every delimiter into the zero byte that ends its piece.
     std::string text = *this;
     base::arraylist<const char*> pieces;
     pieces.add(text.data());

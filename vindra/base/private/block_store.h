@@ -11,15 +11,15 @@ namespace base {
 /// The memory that all queues of the process share: blocks of 64 KiB, each aligned to its size.
 ///
 /// Address space stays with the store, pages do not. While a fast sender feeds a slow receiver,
-/// a queue of many mebibytes comes and goes many times a second. Fetching its pages anew would
+/// a queue of many mebibytes comes and goes many times a second. Faulting its pages in anew would
 /// cost more than all the copying, so a free block keeps its pages until a second has passed
-/// that did not need them. One thread uses it.
+/// that did not need them. For one thread.
 class block_store {
 public:
     /// Bytes of a block.
     static constexpr std::size_t block_bytes = 65536;
 
-    /// The one of the process. Never destroyed: a queue may be drained while the process exits.
+    /// The store of the process. Never destroyed: a queue may be drained while the process exits.
     static block_store& shared() {
         static block_store& store = *new block_store;
         return store;
@@ -43,12 +43,12 @@ public:
         --in_use_;
     }
 
-    /// Returns the pages of the free blocks that were not in use at the same time as the others
-    /// since the last call, but for a few that stay warm.
+    /// Returns pages of free blocks to the kernel. Keeps those of as many blocks as it would take
+    /// to reach the peak since the last call again, and always those of a few.
     void release_pages();
 
 private:
-    /// Makes more blocks, or throws std::bad_alloc.
+    // Makes more blocks, or throws std::bad_alloc.
     void add_region_();
 
     /// Last in, first out: the warmest block is used next. The first `cold_` have no pages.
