@@ -7,7 +7,7 @@
 
 namespace {
 
-// Shorter runs are noise of the binary fields between the names.
+// Shorter runs come from the binary fields between the names.
 constexpr std::size_t run_length_min = 5;
 
 constexpr std::size_t block_size = 4096;
@@ -17,11 +17,13 @@ bool is_printable(char c) {
     return byte >= 0x20 && byte <= 0x7F;
 }
 
+// Adds the run to `out` if it is long enough, and starts a new one.
 void end_run(std::string& run, std::string& out) {
     if (run.size() >= run_length_min) out += run + "\n";
     run.clear();
 }
 
+// Reads the loader's cache from wherever it is.
 void read_cache(std::string& cache) {
     if (get_strings("/etc/ld.so.cache", cache) != 0) return;
     if (get_strings("/var/cache/ldconfig/ld.so.cache", cache) != 0) return;
@@ -67,7 +69,7 @@ std::string _import_probe(const std::string& name) {
     return import_file_name(cache, name);
 }
 
-// clang-format takes a line that begins with this class's name for a directive.
+// To clang-format a line that begins with this class's name is a directive.
 // clang-format off
 import::import(const std::string& name) : handle(dlopen(_import_probe(name).c_str(), RTLD_LAZY)) {
     if (handle != nullptr) {
@@ -85,7 +87,7 @@ import::~import() {
 // clang-format on
 
 void* import::proc(const std::string& name, void* fallback) {
-    // With a null handle the search covers what the program has loaded anyway.
+    // With a null handle dlsym() searches what the program has loaded anyway.
     void* address = dlsym(handle, name.c_str());
     if (address != nullptr) return address;
     error += "\n" + name;

@@ -4,9 +4,9 @@
 
 namespace openssl {
 
-// Called through pointers of every type in the table below. The calling conventions of the
-// supported machines let a function that reads no argument and never returns stand in for any
-// other; clang's check of the type at each such call is the one thing that has to be told.
+// Called through pointers of every type below. The calling conventions of the supported machines
+// allow that for a function that reads no argument and never returns. Only clang's check of the
+// type at each call has to be switched off.
 #if defined(__clang__)
 __attribute__((no_sanitize("function")))
 #endif
@@ -16,6 +16,7 @@ void throw_import_error() {
 
 namespace {
 
+// The library's function `name`, or throw_import_error().
 template <typename Function>
 Function bound(const char* name) {
     void* const fallback = reinterpret_cast<void*>(&throw_import_error);
@@ -24,8 +25,8 @@ Function bound(const char* name) {
 
 } // namespace
 
-// Variables of one file are initialised in the order in which they stand here: the library
-// first, then the names in the order in which `error` lists those that are missing.
+// The variables of a file are initialised in their order here. The library comes first; the order
+// of the others is that of the missing names in `error`.
 class import _import("libssl.so");
 
 // NOLINTNEXTLINE(bugprone-macro-parentheses): a declared name takes none

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-// The library's own tags, so that a program that includes its headers as well sees one type.
+// The library's own tags: a program that also includes its headers sees the same types.
 struct bio_method_st;
 struct bio_st;
 struct ossl_init_settings_st;
@@ -14,9 +14,8 @@ struct ssl_st;
 struct x509_st;
 struct x509_store_ctx_st;
 
-// Newer headers of the library give these names to macros. They are put aside here, or two of
-// the declarations below would silently declare another name; whoever included those headers
-// gets the macros back.
+// Newer headers of the library define macros with these names, which would make two of the
+// declarations below declare other names. The macros are put aside here and restored at the end.
 #pragma push_macro("SSL_load_error_strings")
 #pragma push_macro("SSL_library_init")
 #pragma push_macro("SSLv23_server_method")
@@ -30,24 +29,25 @@ struct x509_store_ctx_st;
 
 /// The TLS library, opened at run time and bound by name before `main` runs.
 ///
-/// No header and no library is needed to build: a program linked with this starts on a machine
-/// without the library, and uses whichever version the loader's cache names. Each pointer below
-/// has the type of the library's function of that name, and holds it, or throw_import_error()
-/// where the library has none. Pointers never change afterwards. Meant for ssl_server; the
-/// client, verification and memory functions are there for applications.
+/// Building needs neither the library nor its headers. A program linked with this starts on a
+/// machine without the library, and uses the version that the loader's cache names.
+///
+/// Each pointer below has the type of the library's function of that name. It points at that
+/// function, or at throw_import_error() if the library lacks it, and never changes. ssl_server uses
+/// them; the functions for clients, verification and memory are there for applications.
 namespace openssl {
 
 // As VINDRA_API on each of them.
 #pragma GCC visibility push(default)
 
-/// The library. Its `error` is the text that a call of a missing function throws.
+/// The library. A call of a missing function throws the text of its `error`.
 extern class import _import;
 
-/// Stands in for each missing function: throws a copy of `_import.error` as a std::string,
-/// whatever it is called with.
+/// Takes the place of each missing function: throws a copy of `_import.error` as a std::string,
+/// whatever its arguments.
 [[noreturn]] void throw_import_error();
 
-/// Constants of the library that are macros in its headers, under names of our own.
+/// Constants that are macros in the library's headers, under names of our own.
 constexpr int filetype_pem = 1;
 constexpr int ctrl_mode = 33;
 constexpr long mode_enable_partial_write = 1;
@@ -69,12 +69,12 @@ extern const ssl_method_st* (*SSLv23_client_method)();
 extern const ssl_method_st* (*TLS_server_method)();
 extern const ssl_method_st* (*TLS_client_method)();
 
-/// Its end, and the files of its key and its certificate.
+/// Frees a context; sets the files of its key and its certificate.
 extern void (*SSL_CTX_free)(ssl_ctx_st* ctx);
 extern int (*SSL_CTX_use_PrivateKey_file)(ssl_ctx_st* ctx, const char* file, int type);
 extern int (*SSL_CTX_use_certificate_file)(ssl_ctx_st* ctx, const char* file, int type);
 
-/// One session. SSL_read() and SSL_write() carry an unfinished handshake on by themselves.
+/// One session. SSL_read() and SSL_write() also continue an unfinished handshake.
 extern ssl_st* (*SSL_new)(ssl_ctx_st* ctx);
 extern void (*SSL_free)(ssl_st* ssl);
 extern int (*SSL_set_fd)(ssl_st* ssl, int fd);
@@ -88,7 +88,7 @@ extern long (*SSL_CTX_ctrl)(ssl_ctx_st* ctx, int command, long number, void* poi
 extern int (*SSL_get_error)(const ssl_st* ssl, int result);
 extern long (*SSL_ctrl)(ssl_st* ssl, int command, long number, void* pointer);
 
-/// The peer's certificate, to be freed by the caller: before 3.0, and from 3.0 on.
+/// The peer's certificate, which the caller frees: before 3.0, and from 3.0 on.
 extern x509_st* (*SSL_get_peer_certificate)(const ssl_st* ssl);
 extern x509_st* (*SSL_get1_peer_certificate)(const ssl_st* ssl);
 

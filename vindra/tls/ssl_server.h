@@ -12,76 +12,75 @@
 #include <exception>
 #include <string>
 
-/// A server<T> whose connections speak TLS: its hooks put a session of the library between each
-/// accepted socket and its connection, which notices nothing of it.
+/// A server<T> whose connections speak TLS. Its hooks put a session of the library between each
+/// accepted socket and its connection, which does not notice.
 ///
-/// Also takes a renewed certificate into the running server. Any call into the library may throw
-/// the std::string of a missing function, from the constructor (where a library that is too old
-/// or not there at all shows itself) to the destructor.
+/// Loads a renewed certificate without a restart. A client is closed if the library makes no
+/// context or no session for it. Connections without a session, such as backend connections that
+/// others add to the list, are read and written as on a plain server.
 ///
-/// Connections without a session, such as backend connections that others put into its list, are
-/// read and written as on a plain server. Where the library makes no context, or no session for a
-/// client, the client is closed.
+/// Any call into the library may throw the std::string of a missing function, from the constructor
+/// (if the library is too old or missing) to the destructor.
 ///
-/// The library keeps at most 16 errors per thread and bounds its memory of past sessions, so
-/// neither is emptied here.
+/// The library keeps at most 16 errors per thread and bounds its session cache, so this clears
+/// neither.
 template <typename T>
 class ssl_server : public server<T> {
 public:
-    /// Reads the key and the certificate (PEM files) into a new context. Unreadable files are
-    /// not noticed here: handshakes fail then. Opens no socket; see start().
+    /// Reads the key and the certificate (PEM files) into a new context. Does not report unreadable
+    /// files; every handshake fails then. Opens no socket; see start().
     ssl_server(int port, bool localhost_only, const std::string& key_path,
                const std::string& crt_path);
 
-    /// Frees the context and ends every connection as a plain server does: these hooks are no
-    /// longer in force, so that the sessions still open are never shut down nor released.
+    /// Frees the context. Then the base ends every connection as a plain server does: these hooks
+    /// are gone by then, so sessions that are still open are neither shut down nor freed.
     ~ssl_server() noexcept(false) override;
 
-    /// Looks after the certificate.
+    /// Calls load_certificate_maybe().
     void on_idle() override;
 
-    /// Gives the connection a session and begins its handshake, which recv() and send() carry on.
-    /// False where no session is to be had.
+    /// Gives the connection a session and begins its handshake, which recv() and send() continue.
+    /// False if there is no session.
     bool on_accept(connection* conn) override;
 
-    /// Releases the session, without waiting for the peer's close alert. The socket is closed by
-    /// now and its number taken by a stand-in, so that our own alert goes nowhere.
+    /// Frees the session without waiting for the peer's close alert. Our own alert goes nowhere:
+    /// the socket is closed already, and a stand-in has taken its number.
     void on_remove(connection* conn) override;
 
-    /// Bytes through the session, with the library's own results: positive is a count, 0 the
-    /// peer's end, negative nothing now. A session that has failed for good stays negative; the
-    /// connection's time-out ends it.
+    /// Move bytes through the session. Return what the library returns: a positive count, 0 at the
+    /// peer's end, negative for nothing now. After a fatal error the result stays negative until
+    /// the connection times out.
     int recv(connection* conn, char* buffer, int length) override;
     int send(connection* conn, char* buffer, int length) override;
 
-    /// Loads the certificate again if its file has a newer modification time than the one that
-    /// is in use; a failure to read it is not noticed. Does nothing within a minute of its last
-    /// look. The key stays as it is, so the new certificate has to be one for that key.
+    /// Loads the certificate again if its file has become newer. Looks at the file at most once a
+    /// minute and does not report a failure to read it. Does not load the key again, so the new
+    /// certificate must be one for the same key.
     void load_certificate_maybe();
 
-    /// The library's context, shared by all sessions of this server; null where it could make none.
+    /// The library's context, shared by all sessions of this server; null if it could make none.
     ssl_ctx_st* ctx = nullptr;
 
     /// The library has been initialised.
     bool initialised = false;
 
-    /// Paths of the private key and the certificate as they were given.
+    /// Paths of the private key and the certificate as given.
     std::string key;
     std::string crt;
 
     /// Modification time of the certificate in use, in seconds; 0 before the first load.
     double crt_mtime = 0;
 
-    /// Second of the last look at the certificate's file.
+    /// Second in which the certificate's file was last looked at.
     double last_check = 0;
 
 private:
     static ssl_st* session_(connection* conn) { return static_cast<ssl_st*>(conn->ssl); }
 
-    // Whether the call that has just given no bytes, errno having been 0 before it, would give
-    // none until the kernel has news: the socket had nothing to read or no room (EAGAIN), or
-    // was not even asked because the session has failed for good (0). Any other errno comes from
-    // the socket, and the next call may see the end of the stream.
+    // True if the same call would give no bytes again until the kernel has news. Call this after
+    // one that gave none, with errno set to 0 before it. EAGAIN means that the socket was empty or
+    // full. 0 means that the session has failed and did not use the socket. Any other errno is the
+    // socket's, and the next call may see the end of the stream.
     static bool waits_for_news_() { return errno == EAGAIN || errno == EWOULDBLOCK || errno == 0; }
 
     static constexpr double seconds_between_looks_ = 60.0;
@@ -91,7 +90,7 @@ template <typename T>
 ssl_server<T>::ssl_server(int listen_port, bool only_localhost, const std::string& key_path,
                           const std::string& crt_path)
     : server<T>(listen_port, only_localhost), key(key_path), crt(crt_path) {
-    // Asked for before all else: a library before 1.1 lacks it, and says so here.
+    // The first call, because a library before 1.1 lacks this function: it throws here.
     openssl::OpenSSL_version_num();
     initialised = true;
     openssl::OPENSSL_init_ssl(0, nullptr);
@@ -109,8 +108,7 @@ ssl_server<T>::~ssl_server() noexcept(false) {
     try {
         openssl::SSL_CTX_free(ctx);
     } catch (const std::string&) {
-        // One missing function is enough to tell: on the way out of another's call, this text
-        // must not meet the one under way, which would end the process.
+        // If another missing function is already being reported, throwing again would terminate.
         if (std::uncaught_exceptions() == 0) throw;
     }
 }
@@ -126,7 +124,7 @@ bool ssl_server<T>::on_accept(connection* conn) {
     ssl_st* const session = openssl::SSL_new(ctx);
     if (session == nullptr) return false;
     openssl::SSL_set_fd(session, conn->fd);
-    // The client's first bytes have hardly arrived: this tells the session its role.
+    // This tells the session its role. The client's first bytes have hardly arrived yet.
     openssl::SSL_accept(session);
     conn->ssl = session;
     return true;
