@@ -113,20 +113,16 @@ TEST(request_head, tells_whether_the_client_stays) {
     }
 }
 
-TEST(request_head, tells_whether_the_client_waits_for_a_word) {
+TEST(request_head, finds_words_in_the_lists_of_every_line_of_a_name) {
+    const std::string block = "LIST:x / HTTP/1.1\r\nListing: y\r\nList:\r\nlist: a , B,\"c\r\n"
+                              "Other: z\r\nLIST:d;e\r\n";
     const struct {
-        const char* version;
-        const char* field;
-        bool expects;
-    } cases[] = {
-        {"HTTP/1.1", "Expect: 100-continue", true},    {"HTTP/1.1", "eXPECT:100-Continue", true},
-        {"HTTP/1.0", "Expect: 100-continue", false},   {"HTTP/1.1", "Expect: 100", false},
-        {"HTTP/1.1", "Expect-X: 100-continue", false},
-    };
-    for (const auto& c : cases) {
-        const request_head head("PUT / "s + c.version + "\r\nHost: a\r\n" + c.field + "\r\n");
-        EXPECT_EQ(head.expects_continue, c.expects) << c.version << ' ' << c.field;
-    }
+        const char* word;
+        bool listed;
+    } cases[] = {{"a", true},  {"b", true},  {"A", true},  {"d;e", true}, {"x / HTTP/1.1", false},
+                 {"y", false}, {"z", false}, {"c", false}, {"d", false},  {"a , B", false}};
+    for (const auto& c : cases)
+        EXPECT_EQ(request_head::lists("List", c.word, block), c.listed) << c.word;
 }
 
 TEST(request_head, finds_a_header_by_its_exact_name) {

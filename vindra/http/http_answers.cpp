@@ -1,8 +1,10 @@
 // Whole answers.
 
 #include "vindra/http/http_connection.h"
+#include "vindra/http/private/request_head.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <string>
 
 namespace {
@@ -140,4 +142,23 @@ void http_connection::answer_not_allowed(std::string_view methods) {
     if (is_answered_()) return;
     const std::string allow = "Allow: " + std::string(methods) + "\r\n";
     queue_answer_(answer_text_(405, "", "", allow + common_lines_(), true));
+}
+
+void http_connection::answer_continue() {
+    if (!written && content_length > 0 && body_received == 0 && expects_continue_())
+        answer(100, "", "");
+}
+
+// The length is read again: `content_length` holds an int of it. What a client holds back until it
+// is told to send is not waited for.
+bool http_connection::refuse_body_over(int largest_body) {
+    const std::string announced = header("Content-Length").value_or("");
+    const long long length = std::strtoll(announced.c_str(), nullptr, 10);
+    if (length <= largest_body) return false;
+    refuse_(413, expects_continue_() ? 0 : length);
+    return true;
+}
+
+bool http_connection::expects_continue_() const {
+    return version != "HTTP/1.0" && request_head::lists("Expect", "100-continue", headers);
 }

@@ -166,6 +166,15 @@ public:
     /// Answers 405 with the methods that there are, as Allow lists them: "GET, HEAD, PUT".
     void answer_not_allowed(std::string_view methods);
 
+    /// For on_headers(): sends 100 if the client waits for it before it sends its body.
+    /// read_strictly() does this by itself.
+    void answer_continue();
+
+    /// For on_headers(): true if the client announces a body of more than `largest_body` bytes.
+    /// Then the request is answered with 413, its body is dropped, on_request() is not called, and
+    /// the connection ends. read_strictly() does this by itself.
+    bool refuse_body_over(int largest_body);
+
     /// Ends the connection when the answer to the current request is out, whether it is queued
     /// already or not. For hooks.
     void end_after_answer() { keep_alive = false; }
@@ -333,7 +342,8 @@ private:
     enum class websocket_stage_ : unsigned char { off, open, closing, deaf };
 
     /// How far a connection that reads strictly has come: `off` when it does not; within a head or
-    /// a body; awaiting the end of an answer; or dropping what comes behind a refusal.
+    /// a body; awaiting the end of an answer. `refused` with either reader: dropping what comes
+    /// behind a refusal.
     enum class stage_ : unsigned char { off, head, body, answering, refused };
 
     static std::string_view find_header_(std::string_view line_start, std::string_view headers);
@@ -354,10 +364,11 @@ private:
     int take_strict_head_(char* bytes, int length);
     int take_strict_body_(char* bytes, int length);
     void begin_strict_request_();
-    void await_body_(bool expects_continue);
+    void await_body_();
     void finish_strict_request_();
     void keep_ahead_(const char* bytes, int length);
     void go_on_strictly_();
+    bool expects_continue_() const;
     void refuse_(int status, long long linger_bytes);
     bool lingers_() const;
 

@@ -61,6 +61,10 @@ void http_connection::on_recv(char* bytes, int length) {
         } else {
             on_headers();
         }
+        if (strict_stage_ == stage_::refused) {
+            linger_bytes_ -= rest;
+            return;
+        }
         if (rest > 0) on_data(bytes + taken, rest);
     }
 

@@ -97,17 +97,17 @@ void http_connection::begin_strict_request_() {
         shake_hands_();
     } else {
         on_headers();
-        if (content_length > largest_body_)
-            return refuse_(413, head.expects_continue ? 0 : head.content_length);
+        if (content_length > largest_body_) refuse_body_over(largest_body_);
     }
-    await_body_(head.expects_continue);
+    if (strict_stage_ == stage_::refused) return;
+    await_body_();
 }
 
-void http_connection::await_body_(bool expects_continue) {
+void http_connection::await_body_() {
     if (upgraded) return;
     if (content_length == 0) return finish_strict_request_();
-    if (!expects_continue) return;
-    if (!written) return queue_text_("HTTP/1.1 100 Continue\r\n\r\n");
+    if (!expects_continue_()) return;
+    if (!written) return answer(100, "", "");
     // Answered before the body: the client may send it or not, and nobody can tell which.
     keep_alive = false;
     finish_strict_request_();

@@ -71,7 +71,6 @@ request_head::request_head(std::string_view block) {
     if (!is_old && hosts != 1) refuse(400);
     content_length = length.value_or(0);
     keeps = !says_close && (!is_old || says_keep);
-    expects_continue = expects_continue && !is_old;
 }
 
 std::optional<std::string_view> request_head::find(std::string_view name, std::string_view block) {
@@ -123,8 +122,6 @@ void request_head::read_field(std::string_view name, std::string_view value) {
     } else if (same(name, "connection")) {
         says_close = says_close || is_listed("close", value);
         says_keep = says_keep || is_listed("keep-alive", value);
-    } else if (same(name, "expect")) {
-        expects_continue = expects_continue || same(value, "100-continue");
     }
 }
 

@@ -26,9 +26,6 @@ struct request_head {
     /// The client means to use the connection again.
     bool keeps = false;
 
-    /// The client sends its body when it has been told to.
-    bool expects_continue = false;
-
 private:
     void read_request_line(std::string_view line);
     void read_line(std::string_view line);
