@@ -234,6 +234,85 @@ TEST(end_after_answer, ends_behind_an_answer_given_before_or_later) {
     EXPECT_FALSE(later.open);
 }
 
+// Refuses what `when` names, in the hook of that name.
+class refusing_connection : public recording_connection {
+public:
+    void on_headers() override { hook("headers"); }
+    void on_data(char* bytes, int length) override {
+        body_seen.append(bytes, static_cast<std::size_t>(length));
+        hook("data");
+    }
+    void on_request() override { hook("request"); }
+    void hook(const std::string& name) {
+        calls += name + " ";
+        if (name == when) refuse(403, "text/plain", "no\n");
+    }
+
+    std::string when;
+};
+
+const std::string forbidden = "HTTP/1.1 403 Forbidden\r\nContent-Type: text/plain\r\n"
+                              "Content-Length: 3\r\nConnection: close\r\n\r\nno\n";
+
+TEST(refuse, leaves_no_byte_behind_the_hook_to_another) {
+    const std::string wire =
+        "POST / HTTP/1.1\r\nHost: a\r\nContent-Length: 4\r\n\r\nbodyGET /2 HTTP/1.1\r\n"
+        "Host: a\r\n\r\n";
+    const struct {
+        const char* when;
+        const char* calls;
+    } cases[] = {{"headers", "headers "},
+                 {"data", "headers data "},
+                 {"request", "headers data data data data request "}};
+    for (const auto& c : cases) {
+        for (const bool strict : {false, true}) {
+            SCOPED_TRACE(testing::Message() << c.when << (strict ? ", strictly" : ""));
+            const auto conn = std::make_unique_for_overwrite<refusing_connection>();
+            if (strict) conn->read_strictly();
+            conn->when = c.when;
+            feed(*conn, wire, 1);
+            EXPECT_EQ(conn->calls, c.calls);
+            EXPECT_EQ(send_once(*conn).bytes, forbidden);
+            EXPECT_TRUE(send_once(*conn).open) << "the client may have more to send";
+            conn->last_active -= 5;
+            EXPECT_FALSE(send_once(*conn).open);
+        }
+    }
+}
+
+TEST(refuse, calls_no_hook_for_what_came_with_the_head) {
+    const struct {
+        const char* when;
+        const char* wire;
+        const char* calls;
+    } cases[] = {
+        {"headers", "POST / HTTP/1.1\r\nHost: a\r\nContent-Length: 4\r\n\r\nbody", "headers "},
+        {"headers", "GET / HTTP/1.1\r\nHost: a\r\n\r\n", "headers "},
+        {"data", "POST / HTTP/1.1\r\nHost: a\r\nContent-Length: 4\r\n\r\nbody", "headers data "}};
+    for (const auto& c : cases) {
+        for (const bool strict : {false, true}) {
+            const auto conn = std::make_unique_for_overwrite<refusing_connection>();
+            if (strict) conn->read_strictly();
+            conn->when = c.when;
+            feed(*conn, c.wire);
+            EXPECT_EQ(conn->calls, c.calls);
+        }
+    }
+}
+
+TEST(refuse, adds_no_second_answer) {
+    captured_output out;
+    const auto conn = std::make_unique_for_overwrite<refusing_connection>();
+    conn->read_strictly();
+    feed(*conn, "GET / HTTP/1.1\r\nHost: a\r\n\r\n");
+    conn->answer(200, "", "yes");
+    conn->refuse(403);
+    EXPECT_EQ(out.take(), "");
+    EXPECT_EQ(drain(*conn).bytes(), "HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nyes");
+    conn->last_active -= 5;
+    EXPECT_FALSE(drain(*conn).open);
+}
+
 TEST(header, is_found_by_its_exact_name) {
     std::optional<std::string> accept;
     std::optional<std::string> encoding;

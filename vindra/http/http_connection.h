@@ -179,6 +179,11 @@ public:
     /// already or not. For hooks.
     void end_after_answer() { keep_alive = false; }
 
+    /// Answers the current request, unless it has its answer, and ends the connection behind that.
+    /// No hook is called for the rest of the request or for later ones. What the client still sends
+    /// is dropped for a while, or it might never read the answer. For hooks.
+    void refuse(int status, std::string_view content_type = "", std::string_view body = "");
+
     /// Reads requests from now on as a server of HTTP/1.1 is expected to. Call it in the
     /// constructor, and again in on_headers() to allow bodies of another length from that request
     /// on.
@@ -195,7 +200,7 @@ public:
     ///   on_headers() is called for 413 alone of these, on_request() for none. What the client
     ///   still sends is dropped for a while, so that it gets to read the answer.
     ///
-    /// `max_request_length` has no say then. Not for relays.
+    /// `max_request_length` has no say then. A relay calls http_proxy::relay_strictly() instead.
     void read_strictly(int largest_body = 1048576);
 
     /// Speaks WebSocket as RFC 6455 has it, from the next handshake on. Call it in the constructor,
@@ -327,6 +332,10 @@ public:
 
     /// Names of the channels that this connection is in; the values say nothing.
     base::hashmap<int> subscriptions;
+
+protected:
+    /// True once a request has been refused, by refuse() or because it was malformed.
+    bool refuses() const { return strict_stage_ == stage_::refused; }
 
 private:
     friend class late_answer;

@@ -173,6 +173,7 @@ void http_connection::upgrade_() {
 
 void http_connection::finish_request_() {
     if (upgraded || !headers_done || body_received < content_length) return;
+    if (strict_stage_ == stage_::refused) return;
     // By the standard, a handshake that is refused has its answer.
     if (websocket_ == websocket_stage_::off || !is_handshake()) on_request();
     if (keep_alive) reset();

@@ -118,7 +118,7 @@ int http_connection::take_strict_body_(char* bytes, int length) {
     received += taken;
     body_received += taken;
     on_data(bytes, taken);
-    if (body_received == content_length) finish_strict_request_();
+    if (strict_stage_ == stage_::body && body_received == content_length) finish_strict_request_();
     return taken;
 }
 
@@ -149,6 +149,12 @@ void http_connection::go_on_strictly_() {
         empty_(ahead_);
         ahead_read_ = 0;
     }
+}
+
+void http_connection::refuse(int status, std::string_view content_type, std::string_view body) {
+    keep_alive = false;
+    if (!written) answer(status, content_type, body);
+    refuse_(status, std::numeric_limits<int>::max());
 }
 
 void http_connection::refuse_(int status, long long linger_bytes) {
