@@ -3,6 +3,7 @@
 #include "vindra/base/split_url.h"
 #include "vindra/core/server_base.h"
 #include "vindra/core/sockets.h"
+#include "vindra/http/answer_reader.h"
 #include "vindra/proxy/private/backend_address.h"
 #include "vindra/proxy/proxy_connection.h"
 
@@ -12,6 +13,13 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+
+namespace {
+
+// The same time-out as that of a fresh connection.
+constexpr int seconds_to_read_refusal = 10;
+
+} // namespace
 
 http_proxy::http_proxy() {
     websockets = false;
@@ -38,23 +46,25 @@ void http_proxy::on_headers() {
     if (!use_backend(target.host, target.port)) return;
 
     if (method == "CONNECT") {
-        // Without keep-alive the request never ends, so all that follows is its body.
+        // Without keep-alive the request never ends, so all that follows is its body. The strict
+        // reader passes everything on once the connection is upgraded.
         keep_alive = false;
+        upgraded = answer_reader_ != nullptr;
         pipe->to_client += "HTTP/1.1 200 OK\r\n\r\n";
         return;
     }
-    pipe->to_backend += method + " " + target.path + " " + version + "\r\n";
-    pipe->to_backend += copy_headers(headers);
-    pipe->to_backend += "\r\n";
+    queue_head_(target.path);
 }
 
 void http_proxy::on_data(char* bytes, int length) {
-    end_.fill(bytes, length);
+    if (takes_body_()) end_.fill(bytes, length);
 }
 
 void http_proxy::on_request() {}
 
 bool http_proxy::on_send(char* buffer, int capacity, int* length) {
+    if (refuses()) return http_connection::on_send(buffer, capacity, length);
+    if (answer_reader_ && !upgraded) return send_strictly_(buffer, capacity, length);
     return end_.send(buffer, capacity, length);
 }
 
@@ -77,10 +87,9 @@ std::string http_proxy::copy_headers(const std::string& headers) {
     }
 }
 
-// In a fresh client the share of the backend that may still come counts as one without a name, at
-// port 0. A target that names exactly that (a zero byte in front of ":0") waits for it.
 bool http_proxy::use_backend(const std::string& host, int to_port, const std::string& name) {
-    if (pipe->refs >= 2 && backend_host == name && backend_port == to_port) return true;
+    if (!begin_relaying_()) return false;
+    if (is_usable_(name, to_port)) return true;
 
     renew_pipe();
     if (!connect_backend(host, to_port)) {
@@ -90,6 +99,18 @@ bool http_proxy::use_backend(const std::string& host, int to_port, const std::st
     backend_host = name;
     backend_port = to_port;
     return true;
+}
+
+void http_proxy::refuse(int status, std::string_view content_type, std::string_view body) {
+    if (!pipe->to_client.empty()) {
+        auto* const earlier = new response_part;
+        earlier->text = pipe->to_client;
+        parts.add(earlier);
+    }
+    renew_pipe();
+    // connect_backend() has disabled the time-out.
+    if (timeout < 0) timeout = seconds_to_read_refusal;
+    http_connection::refuse(status, content_type, body);
 }
 
 void http_proxy::drop_unread() {

@@ -4,8 +4,11 @@
 #include "vindra/http/http_connection.h"
 #include "vindra/proxy/proxy_pipe.h"
 
+#include <memory>
 #include <string>
+#include <string_view>
 
+class answer_reader;
 class server_base;
 
 /// A client connection whose requests are relayed to a backend, and the backend's bytes back,
@@ -63,6 +66,40 @@ public:
     proxy_pipe initial_pipe{2};
 
 protected:
+    /// Answers the current request and ends the connection behind the answer. No further byte of
+    /// this client goes to a backend. Bytes that a backend has already sent are delivered first.
+    /// For hooks.
+    void refuse(int status, std::string_view content_type = "", std::string_view body = "");
+
+    /// Reads requests as http_connection::read_strictly() does and finds the end of each answer.
+    /// Call it in the constructor. Call it again in on_headers() to change `largest_body` from that
+    /// request on.
+    ///
+    /// - A backend gets requests that on_headers() has passed on, with the announced body and no
+    ///   byte more. A request that answer() answers here leaves it nothing, and the client stays.
+    /// - Pipelined requests wait: on_headers() is called when the answer before is out.
+    /// - Chunked bodies, malformed heads and bodies longer than `largest_body` are refused.
+    /// - forward_to() answers 400 unless the target begins with "/".
+    /// - "Expect: 100-continue" is answered here. These lines go to no backend: Expect, Keep-Alive,
+    ///   TE, Upgrade, and all that begin with "Connection" or "Proxy", in any letter case.
+    /// - A backend that ends before it has begun to answer is reported by 502.
+    /// - "Connection: close" is honoured.
+    ///
+    /// An answer without a clear end lasts until the backend closes, and the client is closed then.
+    void relay_strictly(int largest_body = 104857600);
+
+    /// Passes the current request on to the backend at `to_port` of `host`: calls use_backend() and
+    /// queues the head, with its target as it came.
+    void forward_to(const std::string& host, int to_port);
+
+    /// Adds a line to `headers`, from which the forwarded head is made. Line ends and zero bytes in
+    /// `value` become blanks.
+    void add_header(std::string_view name, std::string_view value);
+
+    /// Removes every line of that name from `headers`. Letters match in either case, and so do "_"
+    /// and "-", which some backends take for the same.
+    void drop_header(std::string_view name);
+
     /// True while the backend connection of the current pipe lives; false on a fresh client.
     bool attached() const { return pipe != &initial_pipe && pipe->refs >= 2; }
 
@@ -97,6 +134,26 @@ protected:
     void answer_bad_gateway();
 
 private:
+    /// False if relay_strictly() forbids to pass on the current request.
+    bool begin_relaying_();
+    /// True if the attached backend has that name and port and can take another request.
+    bool is_usable_(const std::string& name, int at_port) const;
+    /// True if the body of the current request goes to the backend.
+    bool takes_body_() const;
+    /// Queues the head of the current request for the backend.
+    void queue_head_(std::string_view target);
+    /// The body of on_send() after relay_strictly().
+    bool send_strictly_(char* buffer, int capacity, int* length);
+    /// Moves what has come of the backend's answer into `buffer`.
+    void pass_answer_(char* buffer, int capacity, int* length);
+    /// Ends the connection when the answer is out.
+    void end_strictly_();
+
+    /// Reads the answer to the current request. Null until relay_strictly().
+    std::unique_ptr<answer_reader> answer_reader_;
+    int largest_body_ = 0;
+    /// True if a backend was chosen for the current request.
+    bool is_relayed_ = false;
     /// Released first, before `initial_pipe` ends.
     proxy_pipe::end end_{proxy_pipe::end::side::client, pipe, *this};
 };
