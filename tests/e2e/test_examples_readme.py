@@ -22,6 +22,7 @@ ANSWERED = {
     "todo": [b'{"done":false,"id":1,"text":"learn"}', b'{"done":true,"id":1,"text":"learn"}',
              b'[{"done":true,"id":1,"text":"learn"}]'],
     "forward_proxy": [b"0 bytes of content", b"0 bytes of content", b"HTTP/1.1 404 Not Found\r\n"],
+    "gateway": [b"X-Forwarded-For: 127.0.0.1\r\n\r\n0 bytes", b"HTTP/1.1 403 Forbidden\r\n"],
     "front_tls": [b"", b"X-Forwarded-For: 127.0.0.1\r\n"],
 }
 
