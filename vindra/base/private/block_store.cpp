@@ -11,12 +11,12 @@ namespace {
 constexpr std::size_t blocks_per_region = 64;
 
 // Free blocks that keep their pages for good: enough for a few connections at full speed.
-constexpr std::size_t warm_places_min = 64;
+constexpr std::size_t warm_blocks_min = 64;
 
 } // namespace
 
 void block_store::release_pages() {
-    const std::size_t kept = std::max(peak_ - in_use_, warm_places_min);
+    const std::size_t kept = std::max(peak_ - in_use_, warm_blocks_min);
     for (; free_.size() - cold_ > kept; ++cold_) {
         madvise(free_[cold_], block_bytes, MADV_DONTNEED);
     }
