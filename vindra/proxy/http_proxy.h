@@ -154,6 +154,6 @@ private:
     int largest_body_ = 0;
     /// True if a backend was chosen for the current request.
     bool is_relayed_ = false;
-    /// Released first, before `initial_pipe` ends.
+    /// Detached first, before `initial_pipe` ends.
     proxy_pipe::end end_{proxy_pipe::end::side::client, pipe, *this};
 };

@@ -12,11 +12,11 @@ proxy_pipe::end::end(side which, proxy_pipe*& pipe, connection& holder)
 }
 
 proxy_pipe::end::~end() {
-    release_();
+    detach_();
 }
 
 void proxy_pipe::end::replace(proxy_pipe* next) {
-    release_();
+    detach_();
     pipe_ = next;
     attach_();
 }
@@ -45,13 +45,13 @@ void proxy_pipe::end::attach_() {
 }
 
 // The other end is woken, as it may be finished now.
-void proxy_pipe::end::release_() {
+void proxy_pipe::end::detach_() {
     assert(pipe_->refs > 0);
     base::byte_queue& others = target_();
     source_().set_listener(nullptr, nullptr);
-    proxy_pipe* const released = std::exchange(pipe_, nullptr);
-    if (--released->refs == 0) {
-        delete released;
+    proxy_pipe* const left = std::exchange(pipe_, nullptr);
+    if (--left->refs == 0) {
+        delete left;
     } else {
         others.announce();
     }

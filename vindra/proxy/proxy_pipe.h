@@ -30,10 +30,10 @@ struct VINDRA_API proxy_pipe {
     base::byte_queue to_client;
 };
 
-/// One connection's end of a pipe: attached when it is made, released when it is destroyed.
+/// One connection's end of a pipe: attached when it is made, detached when it is destroyed.
 ///
 /// The connection is woken when bytes arrive in the queue that it hands over, and when the other
-/// end is released.
+/// end is detached.
 class VINDRA_API proxy_pipe::end {
 public:
     /// The client's end hands over `to_client` and fills `to_backend`; the backend's does the
@@ -47,7 +47,7 @@ public:
     end& operator=(const end&) = delete;
     ~end();
 
-    /// Releases the pipe and attaches to `next`, as the constructor does.
+    /// Detaches from the pipe and attaches to `next`, as the constructor does.
     void replace(proxy_pipe* next);
 
     /// Appends `length` bytes to the queue that this end fills.
@@ -65,7 +65,7 @@ private:
     base::byte_queue& source_() const;
     base::byte_queue& target_() const;
     void attach_();
-    void release_();
+    void detach_();
 
     proxy_pipe*& pipe_;
     connection& holder_;
