@@ -14,6 +14,7 @@ import signal
 import socket
 import ssl
 import subprocess
+import threading
 import time
 import zlib
 
@@ -28,7 +29,10 @@ GIVING_BACK = 5
 UPLOAD_BYTES = 96 * MIB
 
 # The served files by their names, and bytes of each.
-FILES = {"100": 100, "64k": 64 * KIB, "1m": MIB, "64m": 64 * MIB, "128m": 128 * MIB, "256m": 256 * MIB}
+FILES = {"100": 100, "64k": 64 * KIB, "1m": MIB, "20m": 20 * MIB, "64m": 64 * MIB, "128m": 128 * MIB,
+         "256m": 256 * MIB}
+# Clients that take a 20 MiB answer by the kilobyte, and for how many seconds they do.
+SLOW_READERS, READING_SLOWLY = 200, 10
 WRK_UNITS = {"us": 1e-3, "ms": 1, "s": 1e3, "m": 6e4, "h": 3.6e6}
 
 
@@ -312,6 +316,45 @@ class Loads:
             **span.waited(),
             **memory(server),
         }
+
+    def beside_slow_readers(self, server):
+        """How long an ordinary client waits for answers, on a kept and on new connections, beside slow readers."""
+        self.check(server, "100")
+        over = threading.Event()
+        span = Span(server.pid)
+        with contextlib.ExitStack() as stack, concurrent.futures.ThreadPoolExecutor(1) as pool:
+            stack.callback(over.set)
+            waits = pool.submit(self._ordinary_waits, server, over)
+            clients = [stack.enter_context(Connection(server.port, receive_buffer=4096)) for _ in range(SLOW_READERS)]
+            for client in clients:
+                client.ask("20m")
+                client.socket.setblocking(False)
+            while time.monotonic() - span.start < READING_SLOWLY:
+                for client in clients:
+                    with contextlib.suppress(BlockingIOError):
+                        if not client.socket.recv(KIB):
+                            raise Failure(f"{server.name} closes a slow reader's connection")
+                time.sleep(0.1)
+            span.end()
+            over.set()
+            return {"worst_wait_ms": max(waits.result()) * 1e3, **span.waited(), **memory(server)}
+
+    def _ordinary_waits(self, server, over):
+        """Asks every 50 ms until it is over; seconds until each whole answer."""
+        waits = []
+
+        def once(client):
+            client.ask("100")
+            client.answer()
+
+        with Connection(server.port) as kept:
+            while not over.wait(0.05):
+                for connection in (contextlib.nullcontext(kept), None):
+                    start = time.monotonic()
+                    with connection or Connection(server.port) as client:
+                        once(client)
+                    waits.append(time.monotonic() - start)
+        return waits
 
     def _await_idle(self, server):
         """Returns once the server has done next to nothing for a fifth of a second."""

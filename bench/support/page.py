@@ -50,6 +50,7 @@ def text(record, drawn):
         "memory": figure_table(found, MEMORY, "kib_per_pair"),
         "peaks": figure_table(found, (*COST, *BULK), "peak_mib"),
         "backlog": backlog(found),
+        "slow_readers": figure_table(found, ("slow_readers",), "worst_wait_ms"),
         "starts": figure_table(found, ("start",), "ms"),
         "log": figure_table(found, LOG, "us_per_request"),
         "log_share": log_share(record),
