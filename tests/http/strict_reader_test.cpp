@@ -236,6 +236,17 @@ TEST(strict_reader, lets_on_headers_allow_a_longer_body) {
               answer_with("/long " + std::string(30, 'b')) + refusal("413 Content Too Large"));
 }
 
+TEST(strict_reader, drops_a_long_body_behind_a_refused_handshake) {
+    const auto conn = connection();
+    feed(*conn, get("/", "Upgrade: websocket\r\nContent-Length: 21\r\n") + std::string(20, 'b'));
+    const drained sent = drain(*conn);
+    EXPECT_EQ(sent.bytes().substr(0, 12), "HTTP/1.1 400");
+    EXPECT_TRUE(sent.open);
+    feed(*conn, "b");
+    EXPECT_FALSE(drain(*conn).open);
+    EXPECT_EQ(conn->calls, "");
+}
+
 TEST(strict_reader, asks_for_the_body_that_waits) {
     const auto conn = connection();
     feed(*conn, expects);

@@ -97,8 +97,9 @@ void http_connection::begin_strict_request_() {
         shake_hands_();
     } else {
         on_headers();
-        if (content_length > largest_body_) refuse_body_over(largest_body_);
     }
+    // Also behind a handshake that has been refused.
+    if (!upgraded && content_length > largest_body_) refuse_body_over(largest_body_);
     if (strict_stage_ == stage_::refused) return;
     await_body_();
 }
