@@ -28,7 +28,9 @@ public:
             add_header("X-Forwarded-For", ipv4_text(address));
             add_header("X-Name", "two\r\nlines: 1");
         }
-        forward_to("127.0.0.1", std::atoi(path.c_str() + 1));
+        const int number = std::atoi(path.c_str() + 1);
+        if (path.ends_with("/renamed")) return forward_to("127.0.0.1", number, "/name?a");
+        forward_to("127.0.0.1", number);
         if (path.ends_with("/both")) answer(500, "", "");
     }
     void on_data(char* bytes, int length) override {
@@ -180,6 +182,12 @@ TEST_F(plain_relay, header_lines_are_dropped_under_every_spelling_and_added) {
     EXPECT_EQ(at_backend(), with_port("GET /PORT/edited HTTP/1.1\r\nHost: a\r\n"
                                       "X-Forwarded-Forever: 4\r\nX-Forwarded-For: 127.0.0.1\r\n"
                                       "X-Name: two  lines: 1\r\n\r\n"));
+}
+
+TEST_F(plain_relay, a_request_may_get_another_target) {
+    attach();
+    send("GET /PORT/renamed HTTP/1.1\r\nHost: a\r\n\r\n");
+    EXPECT_EQ(at_backend(), "GET /name?a HTTP/1.1\r\nHost: a\r\n\r\n");
 }
 
 TEST_F(plain_relay, a_target_of_any_form_is_passed_on) {

@@ -89,8 +89,9 @@ protected:
     void relay_strictly(int largest_body = 104857600);
 
     /// Passes the current request on to the backend at `to_port` of `host`: calls use_backend() and
-    /// queues the head, with its target as it came.
-    void forward_to(const std::string& host, int to_port);
+    /// queues the head, with its target as it came or with `target`.
+    void forward_to(const std::string& host, int to_port) { forward_to(host, to_port, url); }
+    void forward_to(const std::string& host, int to_port, const std::string& target);
 
     /// Adds a line to `headers`, from which the forwarded head is made. Line ends and zero bytes in
     /// `value` become blanks.

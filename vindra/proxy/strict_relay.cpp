@@ -67,11 +67,11 @@ void http_proxy::drop_header(std::string_view name) {
     headers = lines_without(headers, [&](std::string_view line) { return has_name(line, name); });
 }
 
-void http_proxy::forward_to(const std::string& host, int to_port) {
+void http_proxy::forward_to(const std::string& host, int to_port, const std::string& target) {
     // An absolute target would hide its path from an application that checks `path`.
     if (answer_reader_ && !url.starts_with('/')) return answer(400, "", "");
     drop_unread();
-    if (use_backend(host, to_port)) queue_head_(url);
+    if (use_backend(host, to_port)) queue_head_(target);
 }
 
 void http_proxy::queue_head_(std::string_view target) {
