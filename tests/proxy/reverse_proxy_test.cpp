@@ -1,3 +1,4 @@
+#include "vindra/base/print.h"
 #include "vindra/proxy/proxy_connection.h"
 #include "vindra/proxy/reverse_proxy.h"
 
@@ -100,6 +101,18 @@ TEST_F(reverse_proxy_test, port_zero_is_as_good_as_unmapped) {
     far_end client = front_.connect();
     client.send(get("zero.example"));
     EXPECT_EQ(front_.receive(client, not_found.size()), not_found);
+}
+
+TEST_F(reverse_proxy_test, its_lines_go_where_the_application_wants_them) {
+    std::string seen;
+    base::print_to([&seen](std::string_view line) { seen.append(line) += "|"; });
+    far_end client = front_.connect();
+    client.send("GET / HTTP/1.1\r\nHost: refused.example\r\n\r\n");
+    front_.receive(client, 1);
+    base::print_to(nullptr);
+    EXPECT_TRUE(seen.starts_with("[refused.example] 127.0.0.1:")) << seen;
+    EXPECT_TRUE(seen.ends_with(" GET / HTTP/1.1 []|")) << seen;
+    EXPECT_EQ(lines(), "");
 }
 
 TEST_F(reverse_proxy_test, a_request_is_forwarded_with_its_url_and_filtered_lines) {

@@ -2,6 +2,7 @@
 
 #include "vindra/base/arraylist.h"
 #include "vindra/base/orlix_hash.h"
+#include "vindra/base/print.h"
 
 #include <algorithm>
 #include <cassert>
@@ -145,7 +146,7 @@ void hashmap<T>::set(const std::string& key, T value) {
     } while (i != start);
 
     // Growth keeps half of the table free. Only a map whose fields were tampered with gets here.
-    std::puts("Error! Out of space!");
+    base::puts("Error! Out of space!");
     std::fflush(stdout);
 }
 

@@ -19,10 +19,10 @@ using line_sink = std::function<void(std::string_view line)>;
 /// standard error in any case.
 VINDRA_API void print_to(line_sink sink);
 
-/// std::puts() for a line of the library's.
+/// Prints a line of the library's as the function of that name in <cstdio> does.
 VINDRA_API void puts(const char* line);
 
-/// std::printf() for a line of the library's; `format` ends with a line feed.
+/// The same for a line that is made from `format`, which ends with a line feed.
 [[gnu::format(printf, 1, 2)]] VINDRA_API void printf(const char* format, ...);
 
 } // namespace base

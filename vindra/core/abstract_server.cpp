@@ -1,5 +1,6 @@
 #include "vindra/core/abstract_server.h"
 
+#include "vindra/base/print.h"
 #include "vindra/core/private/registry.h"
 #include "vindra/core/sockets.h"
 
@@ -14,7 +15,7 @@ namespace {
 
 // The one line that is written before the servers are taken down, which may take its time.
 void announce_end() {
-    std::puts("Shutting down...");
+    base::puts("Shutting down...");
     std::fflush(stdout);
 }
 
@@ -44,7 +45,7 @@ void abstract_server::run(abstract_server** servers) {
 
     for (abstract_server** s = servers; *s != nullptr; ++s) {
         if ((*s)->start()) continue;
-        std::puts("Failed to start server(s).");
+        base::puts("Failed to start server(s).");
         std::fflush(stdout);
         return;
     }

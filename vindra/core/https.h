@@ -1,5 +1,6 @@
 #pragma once
 
+#include "vindra/base/print.h"
 #include "vindra/core/abstract_server.h"
 #include "vindra/core/server.h"
 #include "vindra/proxy/http_proxy.h"
@@ -7,7 +8,6 @@
 #include "vindra/proxy/redirector.h"
 #include "vindra/tls/ssl_server.h"
 
-#include <cstdio>
 #include <memory>
 #include <string>
 
@@ -19,10 +19,10 @@ namespace https {
 template <typename T>
 std::unique_ptr<server<T>> first_server(int port, int ssl_port) {
     if (port == 0) {
-        std::puts("Using https only (no http)");
+        base::puts("Using https only (no http)");
         return std::make_unique<server<T>>(0, false);
     }
-    std::printf("Redirecting http (%d) to https (%d)\n", port, ssl_port);
+    base::printf("Redirecting http (%d) to https (%d)\n", port, ssl_port);
     redirector::ssl_port() = ssl_port;
     return std::make_unique<redirect_server<T>>(port, false);
 }
@@ -45,7 +45,7 @@ bool run(int ssl_port, const char* key, const char* crt, int port) {
         abstract_server::run(servers);
         return true;
     } catch (const std::string& text) {
-        std::puts(text.c_str());
+        base::puts(text.c_str());
         return false;
     }
 }

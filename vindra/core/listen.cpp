@@ -1,6 +1,6 @@
+#include "vindra/base/print.h"
 #include "vindra/core/sockets.h"
 
-#include <cstdio>
 #include <string>
 
 #include <fcntl.h>
@@ -44,11 +44,11 @@ int resolve(bool localhost_only, int port, addrinfo*& result) {
     const std::string service = std::to_string(port);
 
     if (localhost_only) {
-        std::printf("Binding to port %d on localhost only\n", port);
+        base::printf("Binding to port %d on localhost only\n", port);
         return getaddrinfo("127.0.0.1", service.c_str(), &hints, &result);
     }
-    std::printf("Binding to port %d on all adapters:\n", port);
-    std::puts(ipv4_addresses().c_str());
+    base::printf("Binding to port %d on all adapters:\n", port);
+    base::puts(ipv4_addresses().c_str());
     return getaddrinfo(nullptr, service.c_str(), &hints, &result);
 }
 
@@ -65,15 +65,15 @@ bool bind_to(int fd, const addrinfo& where) {
     const int result = bind(fd, where.ai_addr, where.ai_addrlen);
     if (result != -1) return true;
     // The resolver's text for bind's own result, not that of errno: users know the line so.
-    std::printf("bind() failed: %d %s\n", result, gai_strerror(result));
-    std::puts("Check that the port isn't already taken.");
-    std::puts("This can be done with 'netstat -an' on windows/mac/linux.");
+    base::printf("bind() failed: %d %s\n", result, gai_strerror(result));
+    base::puts("Check that the port isn't already taken.");
+    base::puts("This can be done with 'netstat -an' on windows/mac/linux.");
     return false;
 }
 
 bool listen_on(int fd) {
     if (::listen(fd, backlog) != -1) return true;
-    std::puts("listen() failed");
+    base::puts("listen() failed");
     return false;
 }
 
@@ -83,13 +83,13 @@ bool listen(int& fd, bool localhost_only, int port) {
     addrinfo* where = nullptr;
     const int error = resolve(localhost_only, port, where);
     if (error != 0) {
-        std::printf("getaddrinfo() failed: %d %s\n", error, gai_strerror(error));
+        base::printf("getaddrinfo() failed: %d %s\n", error, gai_strerror(error));
         return false;
     }
 
     fd = socket(where->ai_family, where->ai_socktype | SOCK_CLOEXEC, where->ai_protocol);
     if (fd == -1) {
-        std::puts("socket() failed");
+        base::puts("socket() failed");
         freeaddrinfo(where);
         return false;
     }

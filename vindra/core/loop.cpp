@@ -1,5 +1,6 @@
 #include "vindra/core/loop.h"
 
+#include "vindra/base/print.h"
 #include "vindra/core/abstract_server.h"
 #include "vindra/core/private/registry.h"
 #include "vindra/core/sockets.h"
@@ -172,7 +173,7 @@ void on_signal(int /*number*/) {
 bool start_all(std::initializer_list<abstract_server*> servers) {
     for (abstract_server* s : servers) {
         if (s->start()) continue;
-        std::puts("Failed to start server(s).");
+        base::puts("Failed to start server(s).");
         std::fflush(stdout);
         return false;
     }
@@ -240,7 +241,7 @@ bool run(std::initializer_list<abstract_server*> servers) {
         for (abstract_server* s : servers) s->on_idle();
     }
     in.stopped = false;
-    std::puts("Shutting down...");
+    base::puts("Shutting down...");
     std::fflush(stdout);
     return true;
 }

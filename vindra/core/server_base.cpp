@@ -1,6 +1,7 @@
 #include "vindra/core/server_base.h"
 
 #include "vindra/base/byte_queue.h"
+#include "vindra/base/print.h"
 #include "vindra/core/private/registry.h"
 #include "vindra/core/private/roster.h"
 #include "vindra/core/seat.h"
@@ -9,7 +10,6 @@
 #include <algorithm>
 #include <cassert>
 #include <cerrno>
-#include <cstdio>
 #include <memory>
 #include <utility>
 
@@ -28,7 +28,7 @@ server_base::~server_base() noexcept(false) {
 bool server_base::start() {
     if (port == 0) return true;
     if (fd != -1) {
-        std::puts("server already started");
+        base::puts("server already started");
         return false;
     }
     if (!sockets::listen(fd, localhost_only, port)) return false;
@@ -79,7 +79,7 @@ bool server_base::accept_connection() {
     const int client =
         accept4(fd, reinterpret_cast<sockaddr*>(&peer), &length, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (client < 0) {
-        std::puts("accept() failed");
+        base::puts("accept() failed");
         return false;
     }
 
@@ -232,10 +232,10 @@ void server_base::service_(connection& conn, char* receive_buffer, std::time_t n
     const sockets::registry& found = sockets::registry::instance();
     seat::of(conn).serviced = true;
     if (conn.timeout >= 0 && now - conn.last_active > conn.timeout) {
-        std::printf("%d has timed out.\n", conn.fd);
+        base::printf("%d has timed out.\n", conn.fd);
         remove_visited_();
     } else if (found.errors.test(conn.fd)) {
-        std::printf("%d has errors.\n", conn.fd);
+        base::printf("%d has errors.\n", conn.fd);
         remove_visited_();
     } else if (found.readable.test(conn.fd)) {
         read_(conn, receive_buffer, now);
@@ -322,7 +322,7 @@ void server_base::release_memory_(std::time_t now) {
 void server_base::report_(std::time_t now) {
     if (now - last_report <= 5) return;
     if (connections.count != 0 || last_count != 0)
-        std::printf("%d connections\n", connections.count);
+        base::printf("%d connections\n", connections.count);
     last_count = connections.count;
     last_report = now;
 }

@@ -1,5 +1,6 @@
 #include "vindra/core/sockets.h"
 
+#include "vindra/base/print.h"
 #include "vindra/core/private/registry.h"
 
 #include <cerrno>
@@ -94,7 +95,7 @@ void select_all() {
     if (errno == EINTR) return;
 
     const int error = errno;
-    std::printf("select() failed! %d\n", error);
+    base::printf("select() failed! %d\n", error);
     errno = error;
 }
 

@@ -1,10 +1,10 @@
 // The channels that carry one message to many connections.
 
+#include "vindra/base/print.h"
 #include "vindra/http/http_connection.h"
 
 #include <algorithm>
 #include <cassert>
-#include <cstdio>
 
 namespace {
 
@@ -69,14 +69,14 @@ void http_connection::leave_channels_() {
 bool http_connection::leave_channel_(const std::string& name) {
     base::arraylist<http_connection*>* members = channels().get(name);
     if (!members) {
-        std::printf("Error! Channel not found: %s\n", name.c_str());
+        base::printf("Error! Channel not found: %s\n", name.c_str());
         return false;
     }
 
     http_connection** const end = members->items + members->count;
     http_connection** const place = std::find(members->items, end, this);
     if (place == end) {
-        std::printf("Error! Subscription for %d to %s not found!\n", fd, name.c_str());
+        base::printf("Error! Subscription for %d to %s not found!\n", fd, name.c_str());
         return false;
     }
     std::copy(place + 1, end, place);

@@ -11,6 +11,7 @@
 // the key of the longest one lies within the payload. Payloads of up to 125 bytes are read as
 // any client writes them; what is sent follows the RFC throughout.
 
+#include "vindra/base/print.h"
 #include "vindra/http/http_connection.h"
 
 #include <algorithm>
@@ -18,7 +19,6 @@
 #include <cassert>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <optional>
 #include <utility>
 
@@ -109,14 +109,14 @@ void http_connection::read_frames() {
 http_connection::frame_outcome_ http_connection::take_frame_(std::size_t& at) {
     const unsigned first = byte_at(data, at);
     if (!(byte_at(data, at + 1) & mask_bit)) {
-        std::puts("Warning! Incoming frame has no mask.");
+        base::puts("Warning! Incoming frame has no mask.");
         return end_frames_();
     }
 
     const std::optional<frame_layout> frame = read_layout(data, at);
     if (!frame) return frame_outcome_::incomplete;
     if (frame->length > max_frame_length) {
-        std::printf("Warning! Frame exceeds max length of %d.\n", max_frame_length);
+        base::printf("Warning! Frame exceeds max length of %d.\n", max_frame_length);
         return end_frames_();
     }
     if (!is_complete(*frame, data.size())) return frame_outcome_::incomplete;
@@ -140,7 +140,7 @@ http_connection::frame_outcome_ http_connection::act_on_frame_(int code, bool fi
         send_message(payload, pong);
         return frame_outcome_::taken;
     default:
-        std::printf("Warning! Unhandled opcode: %d\n", code);
+        base::printf("Warning! Unhandled opcode: %d\n", code);
         return frame_outcome_::taken;
     }
 }
@@ -149,7 +149,7 @@ http_connection::frame_outcome_ http_connection::add_to_message_(const std::stri
                                                                  bool final) {
     message += payload;
     if (message.size() > static_cast<unsigned>(max_message_length)) {
-        std::printf("Warning! Message exceeds max length of %d.\n", max_message_length);
+        base::printf("Warning! Message exceeds max length of %d.\n", max_message_length);
         return end_frames_();
     }
     if (final) {
@@ -187,7 +187,7 @@ void http_connection::send_message(const std::string& payload, int opcode) {
         append_high_byte_first(frame, length, 8);
     } else {
         // Sent all the same, without a length: the client sees a broken frame and not a silence.
-        std::printf("send_message() error! Message too long: %zd\n", static_cast<ssize_t>(length));
+        base::printf("send_message() error! Message too long: %zd\n", static_cast<ssize_t>(length));
     }
     frame += payload;
     queue_text_(std::move(frame));

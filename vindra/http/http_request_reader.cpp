@@ -2,12 +2,12 @@
 
 #include "vindra/base/base64.h"
 #include "vindra/base/num.h"
+#include "vindra/base/print.h"
 #include "vindra/base/sha1.h"
 #include "vindra/http/http_connection.h"
 
 #include <cassert>
 #include <cstddef>
-#include <cstdio>
 #include <cstdlib>
 
 namespace {
@@ -74,7 +74,7 @@ void http_connection::on_recv(char* bytes, int length) {
 // Looks at what came before this block, so the block that crosses the limit is still taken.
 bool http_connection::refuses_more_() const {
     if (max_request_length <= 0 || received <= max_request_length) return false;
-    std::printf("Warning! Request exceeds max length of %d.\n", max_request_length);
+    base::printf("Warning! Request exceeds max length of %d.\n", max_request_length);
     return true;
 }
 
@@ -193,7 +193,7 @@ void http_connection::reset() {
 }
 
 void http_connection::on_headers() {
-    std::puts(info(true).c_str());
+    base::puts(info(true).c_str());
 }
 
 void http_connection::on_data(char* bytes, int length) {

@@ -1,5 +1,6 @@
 // Writing responses: from whole answers to pieces that fit the send buffer.
 
+#include "vindra/base/print.h"
 #include "vindra/core/sockets.h"
 #include "vindra/http/deferred_result.h"
 #include "vindra/http/http_connection.h"
@@ -53,7 +54,7 @@ void http_connection::write(std::string head, const std::string& body) {
 }
 
 bool http_connection::is_answered_() const {
-    if (written) std::puts("Warning! Double write() detected!");
+    if (written) base::puts("Warning! Double write() detected!");
     return written;
 }
 
@@ -127,8 +128,8 @@ void http_connection::send_deferred_(response_part& part, char* buffer, int capa
         part.text = whole->text();
     } else if (part.text = only_chunk(static_cast<std::string>(part.result->output));
                part.text.size() > chunk_length_max) {
-        std::printf("Warning! Thread response (%zd) exceeds buffer size (%d).\n",
-                    static_cast<ssize_t>(part.text.size()), chunk_length_max);
+        base::printf("Warning! Thread response (%zd) exceeds buffer size (%d).\n",
+                     static_cast<ssize_t>(part.text.size()), chunk_length_max);
         part.text = "0\r\n\r\n";
     }
 

@@ -1,12 +1,12 @@
 #include "vindra/http/worker_result.h"
 
+#include "vindra/base/print.h"
 #include "vindra/core/sockets.h"
 #include "vindra/http/http_connection.h"
 #include "vindra/http/private/late_answer.h"
 
 #include <atomic>
 #include <cassert>
-#include <cstdio>
 #include <mutex>
 #include <system_error>
 #include <thread>
@@ -28,7 +28,7 @@ worker_result::worker_result(std::function<var()> compute) : thread_(std::make_s
     try {
         std::thread(run_, std::move(compute), thread_, sockets::bell()).detach();
     } catch (const std::system_error&) {
-        std::puts("Warning! No thread to compute a result on.");
+        base::puts("Warning! No thread to compute a result on.");
         done.store(true, std::memory_order_release);
     }
 }

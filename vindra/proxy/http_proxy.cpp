@@ -1,5 +1,6 @@
 #include "vindra/proxy/http_proxy.h"
 
+#include "vindra/base/print.h"
 #include "vindra/base/split_url.h"
 #include "vindra/core/server_base.h"
 #include "vindra/core/sockets.h"
@@ -8,7 +9,6 @@
 #include "vindra/proxy/proxy_connection.h"
 
 #include <cerrno>
-#include <cstdio>
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -39,7 +39,7 @@ bool http_proxy::should_block(const std::string& /*host*/) {
 
 void http_proxy::on_headers() {
     drop_unread();
-    std::puts(info(true).c_str());
+    base::puts(info(true).c_str());
     const split_url target(url);
     if (should_block(target.host)) return answer_not_found();
 
@@ -161,12 +161,12 @@ int connect_to(const std::string& host, int port) {
     backend_address where;
     const outcome found = backend_address::find(host, port, where);
     if (found == outcome::unresolved) {
-        std::printf("getaddrinfo() failed for host %s:%d!\n", host.c_str(), port);
+        base::printf("getaddrinfo() failed for host %s:%d!\n", host.c_str(), port);
         return -1;
     }
 
     const int fd = found == outcome::found ? begin_connecting(where) : -1;
-    if (fd == -1) std::printf("No addresses worked for host %s:%d.\n", host.c_str(), port);
+    if (fd == -1) base::printf("No addresses worked for host %s:%d.\n", host.c_str(), port);
     return fd;
 }
 
@@ -181,7 +181,7 @@ bool http_proxy::connect_backend(const std::string& host, int to_port) {
     if (g_server() == nullptr) {
         // The backend connection is left to itself; its share of the pipe keeps this client
         // open, so that the mistake is seen.
-        std::puts("Error! No server assigned for proxy connections.");
+        base::puts("Error! No server assigned for proxy connections.");
         return true;
     }
     g_server()->connections.add(conn);

@@ -1,9 +1,8 @@
 #include "vindra/proxy/reverse_proxy.h"
 
 #include "vindra/base/num.h"
+#include "vindra/base/print.h"
 #include "vindra/core/ipv4_text.h"
-
-#include <cstdio>
 
 reverse_proxy::reverse_proxy() {
     quiet_when<reverse_proxy>(
@@ -23,7 +22,7 @@ void reverse_proxy::on_headers() {
     line += host;
     line += "] ";
     line += info(true);
-    std::puts(line.c_str());
+    base::puts(line.c_str());
 
     switch (mapped_port) {
     case echo_port:

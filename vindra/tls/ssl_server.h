@@ -1,13 +1,13 @@
 #pragma once
 
 #include "vindra/base/file_info.h"
+#include "vindra/base/print.h"
 #include "vindra/core/connection.h"
 #include "vindra/core/server.h"
 #include "vindra/core/sockets.h"
 #include "vindra/tls/openssl.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <ctime>
 #include <exception>
 #include <string>
@@ -164,7 +164,7 @@ void ssl_server<T>::load_certificate_maybe() {
 
     const file_info file(normalise_path(crt));
     if (!(crt_mtime < file.mtime)) return;
-    if (crt_mtime > 0) std::puts("Reloading certificate...");
+    if (crt_mtime > 0) base::puts("Reloading certificate...");
     crt_mtime = file.mtime;
     openssl::SSL_CTX_use_certificate_file(ctx, crt.c_str(), openssl::filetype_pem);
 }
