@@ -7,14 +7,16 @@
 
 /// An answer that a worker finishes later, perhaps on another thread.
 ///
-/// Queue a response_part that points at one behind a head whose transfer-encoding is chunked:
-/// http_connection::on_send() asks `done` once a turn and sends `output` as the only chunk.
-/// The part owns the result and deletes it on the loop's thread, possibly before it is done,
-/// because the client has gone: a worker on another thread must not touch it after that, and
-/// seeing to it (by waiting in the destructor, say) is the derived class's business.
+/// Queue a head with "Transfer-Encoding: chunked", and behind it a response_part that points at the
+/// result. http_connection::on_send() looks at `done` once a turn, and sends `output` as the only
+/// chunk.
 ///
-/// A `var` counts its holders without a lock: hand over an `output` that shares nothing with
-/// values that the worker keeps.
+/// The part owns the result and deletes it on the loop's thread. If the client leaves, that happens
+/// before the result is done. A worker on another thread must not touch the result after that; the
+/// derived class has to see to it, for example by waiting in its destructor.
+///
+/// A `var` counts its holders without a lock, so `output` must not share anything with values that
+/// the worker keeps.
 class VINDRA_API deferred_result {
 public:
     deferred_result() = default;
@@ -22,11 +24,11 @@ public:
     deferred_result& operator=(const deferred_result&) = delete;
     virtual ~deferred_result() = 0;
 
-    /// The result is finished. The worker stores true with release order after `output` is
-    /// complete; the loop reads it with acquire order.
+    /// The result is finished. The worker stores true, in release order, when `output` is complete.
+    /// The loop reads it in acquire order.
     std::atomic<bool> done = false;
 
-    /// What is sent, converted to text. The loop does not look at it before `done`.
+    /// What to send, converted to text. The loop does not touch it before `done`.
     var output;
 };
 

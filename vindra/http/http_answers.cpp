@@ -14,7 +14,7 @@ struct status_text {
     std::string_view reason;
 };
 
-// RFC 9110, section 15, and the few of other documents that servers send.
+// RFC 9110, section 15, and the few from other documents that servers use.
 constexpr status_text status_texts[] = {
     {100, "Continue"},
     {101, "Switching Protocols"},
@@ -66,7 +66,7 @@ constexpr status_text status_texts[] = {
     {505, "HTTP Version Not Supported"},
 };
 
-// Empty for a status that nobody has named: the phrase may be, the blank before it may not.
+// Empty for an unknown status. The phrase may be missing, the blank before it may not.
 std::string_view reason_of(int status) {
     const auto* const found = std::ranges::find(status_texts, status, &status_text::status);
     return found == std::end(status_texts) ? "" : found->reason;
@@ -82,7 +82,7 @@ std::string status_line(int status) {
     return line += "\r\n";
 }
 
-// A byte that a URL may hold, or that is the "%" of one that is encoded (RFC 3986, section 2).
+// True for bytes that a URL may contain, "%" of an encoded byte included (RFC 3986, section 2).
 bool may_stand_in_url(char c) {
     return c > ' ' && c < '\x7F' && std::string_view("\"<>\\^`{|}").find(c) == std::string::npos;
 }
@@ -105,11 +105,10 @@ std::string http_connection::answer_text_(int status, std::string_view content_t
     return text;
 }
 
-// What the answer to the current request says besides.
 std::string http_connection::common_lines_() const {
     std::string_view line;
     if (!keep_alive) line = "Connection: close\r\n";
-    // There it is not understood by itself.
+    // HTTP/1.0 clients expect an end unless they are told.
     if (keep_alive && version == "HTTP/1.0") line = "Connection: keep-alive\r\n";
     return std::string(line) + extra_headers;
 }
@@ -149,8 +148,8 @@ void http_connection::answer_continue() {
         answer(100, "", "");
 }
 
-// The length is read again: `content_length` holds an int of it. What a client holds back until it
-// is told to send is not waited for.
+// `content_length` is only an int of the announced length, so that is read again. If the client
+// waits for 100, no body comes and none is waited for.
 bool http_connection::refuse_body_over(int largest_body) {
     const std::string announced = header("Content-Length").value_or("");
     const long long length = std::strtoll(announced.c_str(), nullptr, 10);

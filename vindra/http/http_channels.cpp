@@ -1,4 +1,4 @@
-// The channels that carry one message to many connections.
+// Channels: one message to many connections.
 
 #include "vindra/base/print.h"
 #include "vindra/http/http_connection.h"
@@ -8,15 +8,15 @@
 
 namespace {
 
-// The process is ending and has no map of channels any more, while a connection may be left: one
-// of a server that was made before the map.
+// The map of channels is destroyed already, as the process is ending. Connections may still exist
+// then, if their server was made before the map.
 bool channels_gone = false;
 
 } // namespace
 
 base::hashmap<base::arraylist<http_connection*>*>& http_connection::channels() {
     static base::hashmap<base::arraylist<http_connection*>*> h(base::orlix_hash);
-    // Made after the map, and so destroyed before it.
+    // Constructed after the map, so destroyed before it.
     static const struct end_mark {
         ~end_mark() { channels_gone = true; }
     } mark;
@@ -24,7 +24,7 @@ base::hashmap<base::arraylist<http_connection*>*>& http_connection::channels() {
 }
 
 bool http_connection::subscribe(const std::string& channel) {
-    // The destructor looks for members among upgraded connections only.
+    // The destructor only cleans up after upgraded connections.
     if (!upgraded) return false;
     if (subscriptions.get(channel) != 0) return true;
 
@@ -38,7 +38,7 @@ bool http_connection::subscribe(const std::string& channel) {
     return true;
 }
 
-// By value, since the name may be a key of either map and would die with its entry.
+// By value: a reference might be to a key of either map, which is freed with its entry.
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 void http_connection::unsubscribe(std::string channel) {
     if (subscriptions.unset(channel) != 0 && leave_channel_(channel)) {
@@ -50,11 +50,12 @@ void http_connection::publish(const std::string& channel, const std::string& pay
     const base::arraylist<http_connection*>* members = channels().get(channel);
     if (!members) return;
     assert(members->count > 0);
-    // send_message() only queues, so nobody joins or leaves before the loop ends.
+    // send_message() only queues, so the list does not change during the loop.
     for (unsigned i = 0; i < members->count; ++i) members->items[i]->send_message(payload, opcode);
 }
 
-// The channels left empty go together: one by one, each would cost as much as the map is long.
+// All empty channels are removed in one call. One by one, each removal would take time in
+// proportion to the size of the map.
 void http_connection::leave_channels_() {
     if (channels_gone) return;
     base::arraylist<const std::string*> empty;
@@ -65,7 +66,7 @@ void http_connection::leave_channels_() {
     channels().unset_all(empty.items, empty.count);
 }
 
-// True if nobody is left: the channel and its list are then for the caller to remove.
+// The caller removes an empty channel and its list.
 bool http_connection::leave_channel_(const std::string& name) {
     base::arraylist<http_connection*>* members = channels().get(name);
     if (!members) {

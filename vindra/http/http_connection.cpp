@@ -1,4 +1,4 @@
-// The making and the end of a connection, and what it tells of its current request.
+// Construction and destruction of a connection, and questions about its current request.
 
 #include "vindra/http/http_connection.h"
 
@@ -38,8 +38,7 @@ std::string http_connection::get_header(const std::string& name, const std::stri
     return std::string(find_header_(line_start, block));
 }
 
-// Value of the first line that begins with `line_start`, which is a line end and a name. The
-// name is taken to be followed by a colon and a blank, whatever stands there.
+// Skips two bytes behind the name, a colon and a blank, whatever they are.
 std::string_view http_connection::find_header_(std::string_view line_start,
                                                std::string_view block) {
     const std::ptrdiff_t found = base::find(block, line_start);
@@ -72,7 +71,6 @@ std::string http_connection::info(bool with_agent) const {
     return line;
 }
 
-// The peer's address, or what a front end on this machine says of the peer behind it.
 std::string http_connection::peer_name_() const {
     if (address == htonl(INADDR_LOOPBACK)) {
         const std::string_view forwarded = find_header_("\r\nx-forwarded-for", headers);

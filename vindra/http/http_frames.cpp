@@ -1,15 +1,16 @@
-// WebSocket frames: how they are read unless speak_websocket() is called, and how they are sent.
+// WebSocket frames: reading them without speak_websocket(), and sending them.
 //
-// A client's frame by the low seven bits of its second byte; positions count from its start:
+// Layout of a client's frame, by the low seven bits of its second byte. Positions count from its
+// start:
 //
 //   bits        payload length          masking key   payload
 //   0 to 125    those bits              2 to 5        from 6
 //   126         2 and 3, low first      4 to 7        from 8
 //   127         8 to 15, low first      16 to 19      from 14
 //
-// The two extended forms are not those of RFC 6455, section 5.2: the low byte comes first, and
-// the key of the longest one lies within the payload. Payloads of up to 125 bytes are read as
-// any client writes them; what is sent follows the RFC throughout.
+// The two extended forms differ from RFC 6455, section 5.2: the low byte comes first, and the key
+// of the longest form lies inside the payload. Payloads of up to 125 bytes are read as in the RFC.
+// Sent frames always follow the RFC.
 
 #include "vindra/base/print.h"
 #include "vindra/http/http_connection.h"
@@ -32,13 +33,12 @@ constexpr unsigned mask_bit = 128;
 // Two bytes and a masking key: the shortest frame that a client may send.
 constexpr std::size_t shortest_frame = 6;
 
-// Payloads from here on have no length form in frames that are sent, but by the standard.
+// Without speak_websocket(), a payload of this length or more is sent without a length.
 constexpr std::size_t payload_limit = 1048576;
 
 enum frame_kind : int { continuation = 0, text = 1, binary = 2, closing = 8, ping = 9, pong = 10 };
 
-// Positions in the bytes received. The length is a double, as it is compared with limits and
-// may be anything up to 2^64.
+// Positions in the received bytes. The length may be anything up to 2^64, so it is a double.
 struct frame_layout {
     std::size_t key;
     std::size_t payload;
@@ -55,8 +55,8 @@ double low_byte_first(std::string_view bytes, std::size_t at, std::size_t count)
     return value;
 }
 
-// Nothing while the length cannot be told. The tests for 8 and 14 look at all bytes, those of
-// earlier frames included, so a length may be known before its head is complete.
+// Returns nothing while the length is unknown. The tests for 8 and 14 count all bytes, those of
+// earlier frames too, so a length may be known before its head is complete.
 std::optional<frame_layout> read_layout(std::string_view bytes, std::size_t at) {
     const unsigned short_length = byte_at(bytes, at + 1) & 127U;
     if (short_length < 126) {
@@ -70,7 +70,7 @@ std::optional<frame_layout> read_layout(std::string_view bytes, std::size_t at) 
     return frame_layout{at + 16, at + 14, low_byte_first(bytes, at + 8, 8)};
 }
 
-// Are all bytes there that unmasking reads? The key may end behind a short payload.
+// True if all bytes that unmasking reads are there. The key may end behind a short payload.
 bool is_complete(const frame_layout& frame, std::size_t size) {
     if (frame.payload > size) return false;
     if (frame.length > static_cast<double>(size - frame.payload)) return false;
@@ -105,7 +105,6 @@ void http_connection::read_frames() {
     if (data.empty()) empty_(data);
 }
 
-// Acts on the frame at `at` and moves `at` behind it.
 http_connection::frame_outcome_ http_connection::take_frame_(std::size_t& at) {
     const unsigned first = byte_at(data, at);
     if (!(byte_at(data, at + 1) & mask_bit)) {
@@ -159,7 +158,6 @@ http_connection::frame_outcome_ http_connection::add_to_message_(const std::stri
     return frame_outcome_::taken;
 }
 
-// No more frames are read; the connection ends when its queue has drained.
 http_connection::frame_outcome_ http_connection::end_frames_() {
     keep_alive = false;
     timeout = 0;
@@ -186,7 +184,7 @@ void http_connection::send_message(const std::string& payload, int opcode) {
         frame += static_cast<char>(127);
         append_high_byte_first(frame, length, 8);
     } else {
-        // Sent all the same, without a length: the client sees a broken frame and not a silence.
+        // Sent without a length all the same, so the client sees a broken frame instead of silence.
         base::printf("send_message() error! Message too long: %zd\n", static_cast<ssize_t>(length));
     }
     frame += payload;

@@ -1,4 +1,4 @@
-// Reading requests: from blocks of bytes to the calls of the hooks.
+// Reading requests: turns blocks of bytes into calls of the hooks.
 
 #include "vindra/base/base64.h"
 #include "vindra/base/num.h"
@@ -21,21 +21,20 @@ constexpr std::string_view websocket_guid = "258EAFA5-E914-47DA-95CA-C5AB0DC85B1
 // The one version of the protocol that RFC 6455 defines.
 constexpr int websocket_version = 13;
 
-// Space that a string of an idle connection may keep: most heads fit and cost no allocation.
+// Storage that each string of an idle connection may keep. Most heads fit without an allocation.
 constexpr std::size_t kept_bytes_max = 2048;
 
-// A count of bytes that a long tunnel can carry past the largest int.
+// A long tunnel can count past the largest int.
 int wrapping_sum(int a, int b) {
     return static_cast<int>(static_cast<unsigned>(a) + static_cast<unsigned>(b));
 }
 
-// Header values are short, so the copy that strtol() needs for its closing zero stays inside
-// the string object.
+// strtol() needs a closing zero, hence the copy. Header values are short, so it allocates nothing.
 int number(std::string_view digits) {
     return static_cast<int>(std::strtol(std::string(digits).c_str(), nullptr, 10));
 }
 
-// Position of the first `wanted` behind position `after`, or -1; an `after` of -1 searches all.
+// Position of the first `wanted` behind position `after`, or -1. With -1 as `after`, searches all.
 std::ptrdiff_t find_behind(std::string_view text, std::string_view wanted, std::ptrdiff_t after) {
     return static_cast<std::ptrdiff_t>(text.find(wanted, static_cast<std::size_t>(after + 1)));
 }
@@ -71,26 +70,23 @@ void http_connection::on_recv(char* bytes, int length) {
     finish_request_();
 }
 
-// Looks at what came before this block, so the block that crosses the limit is still taken.
+// Counts what came before this block, so the block that crosses the limit is still processed.
 bool http_connection::refuses_more_() const {
     if (max_request_length <= 0 || received <= max_request_length) return false;
     base::printf("Warning! Request exceeds max length of %d.\n", max_request_length);
     return true;
 }
 
-// Moves what belongs to the head from the block to `headers`. Sets `headers_done` when that
-// completes the head and returns how many bytes of the block it took.
 int http_connection::take_head_(const char* bytes, int length) {
     if (length <= 0) return 0;
     const std::size_t before = headers.size();
     headers.append(bytes, static_cast<std::size_t>(length));
 
-    // Only the first blank line counts, and one in the very first place ends no head. It hides
-    // every later one, in whatever pieces they come.
+    // Only the first blank line counts. At the very start it ends no head, and no later one does
+    // either, however the bytes are split.
     if (headers.starts_with(blank_line)) return length;
 
-    // Up to three bytes of the blank line may have come before; what lies further back has been
-    // searched already.
+    // Up to three bytes of the blank line may be in earlier blocks. The rest of those was searched.
     const std::size_t seam = blank_line.size() - 1;
     const std::size_t end = headers.find(blank_line, before < seam ? 0 : before - seam);
     if (end == std::string::npos) return length;
@@ -105,7 +101,7 @@ int http_connection::take_head_(const char* bytes, int length) {
 void http_connection::read_head_() {
     parse_request_line_();
     content_length = number(find_header_("\r\ncontent-length", headers));
-    // Byte for byte, and for this version only: a client of HTTP/1.1 that means to close does so.
+    // Compared byte for byte, and for HTTP/1.0 only. HTTP/1.1 clients close by themselves.
     if (version == "HTTP/1.0" && find_header_("\r\nconnection", headers) != "Keep-Alive") {
         keep_alive = false;
     }
@@ -113,8 +109,8 @@ void http_connection::read_head_() {
     split_target_();
 }
 
-// A part whose separator is missing keeps its value. The blanks are looked for in the whole
-// head, so a line without them takes its parts from the header lines below.
+// A part without a separator keeps its value. The blanks are searched in the whole head, so a
+// request line without them takes its parts from the header lines below.
 void http_connection::parse_request_line_() {
     const std::ptrdiff_t first = find_behind(headers, " ", -1);
     const std::ptrdiff_t second = find_behind(headers, " ", first);
@@ -144,8 +140,8 @@ void http_connection::shake_hands_() {
     const std::string key(find_header_("\r\nSec-WebSocket-Key", headers));
     const int wanted = number(find_header_("\r\nSec-WebSocket-Version", headers));
     if (wanted != websocket_version || key.empty()) {
-        // The request then completes like any other; what on_request() writes is refused, as
-        // this is its answer.
+        // The request then completes like any other. What on_request() writes is refused, because
+        // this is the answer.
         write("HTTP/1.1 400 Bad Request\r\nSec-WebSocket-Version: 13\r\n", "");
         return;
     }
@@ -154,7 +150,6 @@ void http_connection::shake_hands_() {
     upgrade_();
 }
 
-// Status line and header lines of the answer to a client with that key.
 std::string http_connection::upgrade_head_(std::string key) {
     key += websocket_guid;
     return "HTTP/1.1 101 Switching Protocols\r\n"
@@ -174,7 +169,7 @@ void http_connection::upgrade_() {
 void http_connection::finish_request_() {
     if (upgraded || !headers_done || body_received < content_length) return;
     if (strict_stage_ == stage_::refused) return;
-    // By the standard, a handshake that is refused has its answer.
+    // After speak_websocket(), a refused handshake has its answer.
     if (websocket_ == websocket_stage_::off || !is_handshake()) on_request();
     if (keep_alive) reset();
 }
@@ -212,8 +207,7 @@ void http_connection::on_request() {
           headers + "\r\n" + size + " bytes of content");
 }
 
-// Empties a string and gives large storage back: connections that wait for their next request
-// may be many.
+// Many connections may wait for their next request, so large storage is freed.
 void http_connection::empty_(std::string& text) {
     if (text.capacity() > kept_bytes_max) {
         std::string().swap(text);

@@ -1,4 +1,4 @@
-// Writing responses: from whole answers to pieces that fit the send buffer.
+// Writing responses: cuts them into pieces that fit the send buffer, and hands those over.
 
 #include "vindra/base/print.h"
 #include "vindra/core/sockets.h"
@@ -23,10 +23,10 @@ namespace {
 // One piece of output fills one send buffer.
 constexpr std::size_t piece_size = connection::send_buffer_size;
 
-// The longest deferred result that is sent, its coding included.
+// Longest deferred result that is sent, chunked coding included.
 constexpr int chunk_length_max = 1048576;
 
-// One chunk of chunked transfer coding and the end of the message (RFC 9112, section 7.1).
+// `content` as the only chunk of a body in chunked coding (RFC 9112, section 7.1).
 std::string only_chunk(const std::string& content) {
     std::array<char, 2 * sizeof(std::size_t) + 1> digits{};
     std::snprintf(digits.data(), digits.size(), "%zX", content.size());
@@ -42,7 +42,7 @@ std::string only_chunk(const std::string& content) {
 void http_connection::write(std::string head, const std::string& body) {
     if (is_answered_()) return;
 
-    // Without a length, the end of the connection ends the response.
+    // On other connections, the end of the connection ends the response.
     if (keep_alive && find_header_("\r\ncontent-length", head).empty() &&
         find_header_("\r\ntransfer-encoding", head).empty()) {
         head += "Content-Length: " + std::to_string(body.size()) + "\r\n";
@@ -73,7 +73,7 @@ void http_connection::queue_answer_(std::string text) {
 bool http_connection::on_send(char* buffer, int capacity, int* length) {
     if (strict_stage_ == stage_::answering) go_on_strictly_();
 
-    // Of a kept connection, reset() has cleared `written`: it waits for its next request.
+    // On a kept connection reset() has cleared `written`: it waits for its next request.
     if (parts.count <= 0) return written ? keep_alive || lingers_() : true;
 
     response_part& part = *parts.head->next->value;
@@ -83,8 +83,8 @@ bool http_connection::on_send(char* buffer, int capacity, int* length) {
 
     const int queued = parts.count;
     send_part_(part, buffer, capacity, length);
-    // An empty part, or a file at its end: what follows, the end of the connection too, is for the
-    // next turn, and no socket has news of it.
+    // An empty part, or a file at its end. The next part, or the end of the connection, is due in
+    // the next turn, and no socket will report that.
     if (*length == 0 && parts.count < queued) sockets::hurry();
     return true;
 }
@@ -103,7 +103,7 @@ void http_connection::send_file_(response_part& part, char* buffer, int capacity
     int wanted = capacity;
     if (part.budget >= 0) {
         if (part.budget < wanted) {
-            // The budget stays: from here on it is the size of each piece.
+            // Not reduced: it is the size of each piece from now on.
             wanted = static_cast<int>(part.budget);
         } else {
             part.budget -= wanted;
@@ -121,8 +121,9 @@ void http_connection::send_file_(response_part& part, char* buffer, int capacity
     if (got < static_cast<std::size_t>(wanted)) drop_first_part_();
 }
 
-// Makes a text part of a deferred one whose result is done and sends that. The result goes last:
-// its destructor, which is the application's, finds the connection as the caller will.
+// Turns a deferred part whose result is done into a text part, and sends that. The result is
+// deleted last: its destructor is the application's, and must find the connection in its final
+// state.
 void http_connection::send_deferred_(response_part& part, char* buffer, int capacity, int* length) {
     if (const auto* whole = dynamic_cast<const late_answer*>(part.result)) {
         part.text = whole->text();
@@ -134,19 +135,19 @@ void http_connection::send_deferred_(response_part& part, char* buffer, int capa
     }
 
     last_active = std::time(nullptr);
-    // The time-out of an upgraded connection is the handshake's and its hooks' alone: restored, one
-    // from before would revive a client that has been turned away since.
+    // After an upgrade only the handshake and hooks set the time-out. Restoring an earlier one
+    // would revive a client that has been turned away since.
     if (!upgraded) timeout = part.restore_timeout;
 
     const std::unique_ptr<deferred_result> sent(std::exchange(part.result, nullptr));
     send_text_(part, buffer, capacity, length);
 }
 
-// The longest frame is a few bytes longer than the send buffer, and an application's text may be of
-// any length; what does not fit waits. Erasing what was taken would copy the rest each time.
+// The longest frame is a few bytes longer than the send buffer, and an application's text may have
+// any length. The rest waits. It stays in place, as erasing the front would copy it each time.
 void http_connection::send_text_(response_part& part, char* buffer, int capacity, int* length) {
     const std::size_t space = capacity > 0 ? static_cast<std::size_t>(capacity) : 0;
-    // A text that has been shortened meanwhile ends where it was left.
+    // The application may have shortened the text meanwhile.
     const std::string_view rest =
         std::string_view(part.text).substr(std::min(part.text_taken_, part.text.size()));
     const std::size_t count = rest.copy(buffer, space);

@@ -1,8 +1,8 @@
-// Reading requests as RFC 9112 wants them read: for classes that call read_strictly().
+// Reading requests by RFC 9112, for classes that call read_strictly().
 //
-//   head -> body -> answering -> head of the next    kept; what is pipelined waits meanwhile
-//                             -> ended by the server not kept
-//   head -> refused -> ended by the server           once the client is silent, or has sent enough
+//   head -> body -> answering -> head of the next     kept; pipelined requests wait meanwhile
+//                             -> ended by the server  not kept
+//   head -> refused -> ended by the server            when the client is silent or has sent enough
 
 #include "vindra/http/http_connection.h"
 #include "vindra/http/private/request_head.h"
@@ -17,10 +17,10 @@ namespace {
 constexpr std::size_t longest_head = 65536;
 constexpr std::string_view blank_line = "\r\n\r\n";
 
-// Pipelined bytes that may wait: what one read of the server's brings, and a little.
+// Pipelined bytes that may wait: one read by the server, and a little more.
 constexpr std::size_t most_ahead = connection::send_buffer_size + longest_head;
 
-// A client that is silent for longer has read the refusal, or does not want to.
+// A client that is silent for longer has read the refusal, or never will.
 constexpr std::time_t linger_seconds = 1;
 
 } // namespace
@@ -36,7 +36,6 @@ void http_connection::take_strictly_(char* bytes, int length) {
     if (taken < length) keep_ahead_(bytes + taken, length - taken);
 }
 
-// As much as belongs to requests that can be read now; returns how many bytes that is.
 int http_connection::take_requests_(char* bytes, int length) {
     int taken = 0;
     while (taken < length) {
@@ -62,9 +61,9 @@ int http_connection::take_requests_(char* bytes, int length) {
     return taken;
 }
 
-// Only what can belong to this head is looked at: behind it, many more may be waiting.
+// Looks only at what can belong to this head: many more requests may be waiting behind it.
 int http_connection::take_strict_head_(char* bytes, int length) {
-    // Some clients send a line end behind a body; it belongs to no request.
+    // Some clients send a line end behind a body. It belongs to no request.
     if (headers.empty() && (*bytes == '\r' || *bytes == '\n')) return 1;
 
     const std::string_view block(bytes, static_cast<std::size_t>(length));
@@ -98,7 +97,7 @@ void http_connection::begin_strict_request_() {
     } else {
         on_headers();
     }
-    // Also behind a handshake that has been refused.
+    // A refused handshake may have a body too.
     if (!upgraded && content_length > largest_body_) refuse_body_over(largest_body_);
     if (strict_stage_ == stage_::refused) return;
     await_body_();
@@ -109,7 +108,8 @@ void http_connection::await_body_() {
     if (content_length == 0) return finish_strict_request_();
     if (!expects_continue_()) return;
     if (!written) return answer(100, "", "");
-    // Answered before the body: the client may send it or not, and nobody can tell which.
+    // Answered before the body. The client may or may not send it now, so the end of this request
+    // is unknown.
     keep_alive = false;
     finish_strict_request_();
 }
@@ -125,7 +125,7 @@ int http_connection::take_strict_body_(char* bytes, int length) {
 
 void http_connection::finish_strict_request_() {
     strict_stage_ = stage_::answering;
-    // A handshake that failed has its answer.
+    // A refused handshake has its answer.
     if (!is_handshake()) on_request();
 }
 
@@ -139,7 +139,6 @@ void http_connection::keep_ahead_(const char* bytes, int length) {
     empty_(ahead_);
 }
 
-// Once the answer is on its way, the next request can be read.
 void http_connection::go_on_strictly_() {
     while (strict_stage_ == stage_::answering && written && keep_alive && parts.count <= 0) {
         reset();
@@ -161,7 +160,8 @@ void http_connection::refuse(int status, std::string_view content_type, std::str
 void http_connection::refuse_(int status, long long linger_bytes) {
     keep_alive = false;
     strict_stage_ = stage_::refused;
-    // Closed while bytes are coming in, TCP may drop the answer before the client has read it.
+    // If the socket is closed while bytes arrive, TCP resets the connection, and the client may
+    // lose the answer.
     linger_bytes_ = linger_bytes;
     if (max_request_length > 0)
         linger_bytes_ = std::min<long long>(linger_bytes_, max_request_length);

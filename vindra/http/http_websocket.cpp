@@ -1,10 +1,9 @@
-// WebSocket as RFC 6455 has it: for classes that call speak_websocket().
+// WebSocket by RFC 6455, for classes that call speak_websocket().
 //
-//   open -> closing -> deaf -> ended by the server   our close frame first; the client's ends the
-//   wait
-//        -> deaf                                     its close frame first, or a broken rule
+//   open -> closing -> deaf   we close first, and the client answers
+//        -> deaf              the client closes first, or breaks a rule
 //
-// Where the wait for the client ends, and what is dropped meanwhile: lingers_().
+// lingers_() tells how long the connection then stays open for the client to read our close frame.
 
 #include "vindra/http/http_connection.h"
 #include "vindra/http/private/request_head.h"
@@ -24,10 +23,10 @@ constexpr int message_too_long = 1009;
 // A client's key is 16 bytes in Base64.
 constexpr std::size_t key_length = 24;
 
-// A client that takes nothing for so long does not get to read its close frame.
+// Time-out while the close frame cannot be sent, because the client reads nothing.
 constexpr int closing_seconds = 10;
 
-// Bytes dropped behind our close frame before the connection ends without the client's.
+// Bytes dropped behind our close frame before we stop waiting for the client's.
 constexpr long long most_dropped = 1048576;
 
 } // namespace
@@ -87,13 +86,12 @@ void http_connection::read_messages_() {
     if (data.empty()) empty_(data);
 }
 
-// A connection that end_after_answer() ends reads nothing more.
+// After end_after_answer() nothing more is read.
 bool http_connection::takes_frames_() const {
     return websocket_ == websocket_stage_::closing ||
            (websocket_ == websocket_stage_::open && keep_alive);
 }
 
-// The code to close with, or 0 where the frame may stand here.
 int http_connection::fault_of_(const websocket_frame& frame) const {
     if (!frame.sound) return protocol_error;
     if (frame.is_control()) return 0;
@@ -121,8 +119,8 @@ void http_connection::take_fragment_(const websocket_frame& frame, std::string_v
     empty_(message);
 }
 
-// A client that pings and does not read must not fill the memory. It gets one pong for all of its
-// pings whose answers wait, as the RFC allows (section 5.5.3).
+// A client that sends pings and reads nothing must not fill the memory: a pong that still waits is
+// replaced, as the RFC allows (section 5.5.3).
 void http_connection::answer_ping_(const std::string& payload) {
     constexpr char pong = '\x8A';
     response_part* const last = parts.tail->value;
@@ -163,7 +161,7 @@ void http_connection::send_close(int code, std::string_view reason) {
     websocket_ = websocket_stage_::closing;
     keep_alive = false;
     linger_bytes_ = most_dropped;
-    // Counted from now: the client may have been silent for hours.
+    // The client may have been silent for hours, so time counts from now.
     last_active = std::time(nullptr);
     timeout = closing_seconds;
 }

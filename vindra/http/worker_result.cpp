@@ -16,7 +16,7 @@
 #include <sys/eventfd.h>
 
 struct worker_result::link_ {
-    /// Held for a few instructions by either side, never while the function runs.
+    /// Locked by either side for a few instructions, never while the function runs.
     std::mutex mutex;
 
     /// Null once the result is gone.
@@ -38,22 +38,22 @@ worker_result::~worker_result() {
     thread_->result = nullptr;
 }
 
-// The body of the thread. Lets the function go first: what it returned may share something with
-// what it holds.
+// Body of the thread. Destroys the function before the result is handed over, because the two may
+// share something.
 void worker_result::run_(std::function<var()> compute, const std::shared_ptr<link_>& link,
                          int bell) {
     var computed;
     try {
         computed = compute();
     } catch (...) {
-        // Whatever it was, the answer is null: there is nobody here to tell.
+        // Nobody here to tell. The answer stays null.
     }
     compute = nullptr;
     if (hand_over_(computed, *link)) eventfd_write(bell, 1);
 }
 
-// False where the result is gone. Leaves `computed` null: two handles of one body must not be
-// let go on two threads.
+// Returns false if the result is gone. Leaves `computed` null, as two handles of one body must not
+// be released on two threads.
 bool worker_result::hand_over_(var& computed, link_& link) {
     const std::lock_guard<std::mutex> lock(link.mutex);
     if (link.result == nullptr) return false;
@@ -66,7 +66,7 @@ bool worker_result::hand_over_(var& computed, link_& link) {
 
 namespace {
 
-// A class of its own, so that parts made here can be told from those of an application.
+// Its type tells parts made here from those of an application.
 class late_body final : public worker_result {
 public:
     using worker_result::worker_result;
@@ -76,8 +76,9 @@ bool is_made_here(const deferred_result& result) {
     return typeid(result) == typeid(late_body) || typeid(result) == typeid(late_answer);
 }
 
-// The time-out that would stand once everything queued has left. While a part made here waits, no
-// earlier one brings the time-out back. What the part of another maker restores is not changed.
+// The time-out that the connection would have once all queued parts have left. Earlier parts made
+// here no longer restore it, since another late answer follows. Parts of other makers stay as they
+// are.
 int take_restore_timeout(http_connection& conn) {
     int timeout = std::exchange(conn.timeout, -1);
     for (auto* node = conn.parts.head->next; node != nullptr; node = node->next) {
@@ -107,7 +108,7 @@ bool answer_later(http_connection& conn, std::string head, std::function<var()> 
 
 namespace {
 
-// A null output says that there is no answer.
+// If there is no answer, the output is null.
 std::function<var()> packed(std::function<http_answer()> compute) {
     return [compute = std::move(compute)] {
         const http_answer answer = compute();

@@ -35,7 +35,7 @@ bool is_token(std::string_view text) {
     });
 }
 
-// What no field may hold: with these, the next reader might see other lines than this one.
+// With these bytes in a field, another program might read other lines than we do.
 bool breaks_lines(std::string_view text) {
     return text.find_first_of(std::string_view("\r\n\0", 3)) != std::string_view::npos;
 }
@@ -52,7 +52,8 @@ bool is_listed(std::string_view word, std::string_view list) {
     return false;
 }
 
-// Value of the next line of that name, without blanks around it; `block` then begins behind it.
+// Value of the next line of that name, without blanks around it. Removes the lines up to it from
+// `block`.
 std::optional<std::string_view> take_value(std::string_view& block, std::string_view name) {
     while (!block.empty()) {
         std::string_view value = take(block, line_end);
@@ -85,13 +86,13 @@ bool request_head::lists(std::string_view name, std::string_view word, std::stri
     return false;
 }
 
-// The first fault counts.
+// Only the first fault counts.
 void request_head::refuse(int status) {
     if (refusal == 0) refusal = status;
 }
 
 void request_head::read_request_line(std::string_view line) {
-    // Beyond ASCII all is taken: some clients send such paths as they were typed.
+    // All bytes beyond ASCII are accepted: some clients do not encode them.
     const auto is_plain = [](char c) { return static_cast<unsigned char>(c) > ' ' && c != '\x7F'; };
     if (!is_token(take(line, " "))) return refuse(400);
     const std::string_view target = take(line, " ");
@@ -104,7 +105,7 @@ void request_head::read_request_line(std::string_view line) {
     refuse(is_version ? 505 : 400);
 }
 
-// A blank before the colon, or in front of a line that goes on from the last, makes no token.
+// A name with a blank is no token. So this also refuses a blank before the colon, and folded lines.
 void request_head::read_line(std::string_view line) {
     const std::size_t colon = line.find(':');
     if (colon == std::string_view::npos || !is_token(line.substr(0, colon)) || breaks_lines(line))

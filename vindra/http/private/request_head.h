@@ -3,27 +3,27 @@
 #include <optional>
 #include <string_view>
 
-/// What the head of a request says of the message, by RFC 9112. For http_connection's own use.
+/// What a request's head says about the message, by RFC 9112. For http_connection only.
 struct request_head {
     /// Reads `block`: the request line and the header lines, each with its line end, without the
     /// blank line.
     explicit request_head(std::string_view block);
 
-    /// Value of the first header line of exactly that name, letters of either case alike, without
-    /// blanks around it.
+    /// Value of the first header line of exactly that name, in any letter case, without blanks
+    /// around it.
     static std::optional<std::string_view> find(std::string_view name, std::string_view block);
 
-    /// True if a header line of that name has `word` in its comma-separated list, letters of either
-    /// case alike.
+    /// True if a header line of that name has `word` in its comma-separated list, in any letter
+    /// case.
     static bool lists(std::string_view name, std::string_view word, std::string_view block);
 
-    /// Status to refuse the request with; 0 when there is nothing wrong with it.
+    /// Status to refuse the request with, or 0.
     int refusal = 0;
 
-    /// The announced length of the body, with which the largest number stands for any larger one.
+    /// Announced length of the body. Larger numbers become the largest long long.
     long long content_length = 0;
 
-    /// The client means to use the connection again.
+    /// The client wants to use the connection again.
     bool keeps = false;
 
 private:

@@ -18,7 +18,7 @@ std::uint64_t high_byte_first(std::string_view bytes) {
     return value;
 }
 
-// What the first two bytes tell.
+// Judges by the first two bytes.
 bool may_be_sent(unsigned first, unsigned second) {
     const unsigned opcode = first & 15U;
     const bool reserved_bits = (first & 0x70U) != 0;
@@ -67,7 +67,7 @@ bool is_utf8(const std::string& text) {
     std::size_t at = 0;
     while (at < text.size()) {
         int length = 1;
-        // Most texts are mostly ASCII.
+        // Faster for ASCII, which most texts are.
         if (byte_at(text, at) >= 0x80) {
             const int code_point = base::utf8_decode(text.c_str() + at, &length);
             if (code_point < 0 || code_point > last_code_point) return false;
@@ -77,7 +77,7 @@ bool is_utf8(const std::string& text) {
     return true;
 }
 
-// 1004 to 1006 and 1015 are for programs to tell their users, never for a frame.
+// 1004 to 1006 and 1015 are reserved, and never appear in a frame.
 bool is_close_code(unsigned code) {
     return (code >= 1000 && code <= 1003) || (code >= 1007 && code <= 1014) ||
            (code >= 3000 && code <= 4999);

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-/// The head of one frame from a client, by RFC 6455, section 5.2. For http_connection's own use.
+/// Head of one frame from a client, by RFC 6455, section 5.2. For http_connection only.
 ///
 /// ```
 /// byte 0   final (1 bit), reserved (3), opcode (4)
@@ -14,24 +14,24 @@
 /// then     those bytes of the length, high byte first; 4 bytes of key; the payload
 /// ```
 struct websocket_frame {
-    /// Meaning of a frame; from `close` on, it may stand between the frames of a message.
+    /// Opcodes. From `close` on they are control frames, which may stand inside a message.
     enum kind : unsigned { continuation = 0, text = 1, binary = 2, close = 8, ping = 9, pong = 10 };
 
     /// Longest payload of a close, ping or pong.
     static constexpr std::size_t longest_control = 125;
 
-    /// Reads the head at the front of `bytes`; nothing while it is incomplete. A head that is not
-    /// sound is returned as soon as that shows, with no more than its opcode set.
+    /// Reads the head at the front of `bytes`. Returns nothing while it is incomplete. A head that
+    /// is not sound is returned as soon as that is known; its other fields mean nothing then.
     static std::optional<websocket_frame> read(std::string_view bytes);
 
-    /// True if a client may send this frame at all: masked, without reserved bits, of a known
-    /// opcode, the length in its shortest form, and a control frame short and in one piece.
+    /// True if a client may send such a frame: masked, no reserved bits, a known opcode, the length
+    /// in its shortest form. A control frame must also be short and in one piece.
     bool sound = false;
 
-    /// The last frame of its message.
+    /// Last frame of its message.
     bool final = false;
 
-    /// One of `kind` in a sound frame.
+    /// One of `kind`, in a sound frame.
     unsigned opcode = 0;
 
     /// Bytes of the head, key included, and of the payload behind it.
@@ -40,7 +40,7 @@ struct websocket_frame {
 
     bool is_control() const { return opcode >= close; }
 
-    /// Appends the unmasked payload to `out`. `bytes` starts with this frame and holds all of it.
+    /// Appends the unmasked payload to `out`. `bytes` must begin with this frame, whole.
     void append_payload(std::string& out, std::string_view bytes) const;
 };
 
