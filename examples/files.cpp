@@ -3,6 +3,7 @@
 // No path leads out of the folder: it is walked down one name at a time, dots are no names and
 // no link is followed.
 
+#include "vindra/base/form.h"
 #include "vindra/core/server.h"
 #include "vindra/http/http_connection.h"
 
@@ -18,24 +19,6 @@
 namespace {
 
 int folder = -1;
-
-// A path with its percent-escapes replaced, once; empty where one is no byte of a name.
-std::string decode(const std::string& path) {
-    std::string text;
-    for (std::size_t i = 0; i < path.size(); ++i) {
-        if (path[i] != '%') {
-            text += path[i];
-            continue;
-        }
-        const std::string digits = path.substr(i + 1, 2);
-        if (digits.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) return "";
-        const auto byte = std::strtol(digits.c_str(), nullptr, 16);
-        if (digits.size() < 2 || byte == 0) return "";
-        text += static_cast<char>(byte);
-        i += 2;
-    }
-    return text;
-}
 
 // The file at `path`, which begins with a slash, below the folder; -1 where there is none.
 int open_below_folder(std::string_view path) {
@@ -68,7 +51,7 @@ const char* type_of(const std::string& path) {
 class file_connection : public http_connection {
 public:
     void on_request() override {
-        const std::string name = decode(path);
+        const std::string name = base::percent_decode(path);
         const int opened = method == "GET" || method == "HEAD" ? open_below_folder(name) : -1;
         struct stat about {};
         if (opened < 0 || fstat(opened, &about) != 0 || !S_ISREG(about.st_mode)) {
