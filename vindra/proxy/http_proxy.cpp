@@ -77,7 +77,7 @@ std::string http_proxy::copy_headers(const std::string& headers) {
     kept.reserve(headers.size());
     for (;;) {
         const std::size_t start = end + line_end.size();
-        // The search begins behind the line's first two bytes: no header is that short.
+        // The search skips the first two bytes of the line. No header is that short.
         end = headers.find(line_end, start + 2);
         if (end == std::string::npos) return kept;
 
@@ -117,7 +117,7 @@ void http_proxy::drop_unread() {
     if (!attached()) pipe->to_backend.clear();
 }
 
-// The embedded pipe lives on, out of reach, and would keep what waits in it.
+// The embedded pipe lives as long as the client and would keep its bytes.
 void http_proxy::renew_pipe() {
     if (pipe == &initial_pipe) {
         initial_pipe.to_backend.clear();
@@ -139,15 +139,16 @@ void http_proxy::answer_bad_gateway() {
 
 namespace {
 
-// A socket on its way to `where`; -1 when there is none to be had. Whether it gets there
-// shows later, as an end of stream if it does not.
+// Returns a socket that is connecting to `where`, or -1 if there is no socket. A connect that fails
+// shows later, as an end of stream.
 int begin_connecting(const backend_address& where) {
     const int fd = socket(where.family, where.type | SOCK_NONBLOCK | SOCK_CLOEXEC, where.protocol);
     if (fd == -1) return -1;
     const int on = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    // One that fails on the spot (no local port is left, say) would report itself readable and give
-    // an error at every read, for good. Shut down, it shows the same end as one refused later.
+    // If connect() fails at once (no local port is left, for example), the socket stays readable
+    // and every read returns an error. shutdown() makes it look like a connect that is refused
+    // later.
     const auto* const address = reinterpret_cast<const sockaddr*>(&where.address);
     if (connect(fd, address, where.length) != 0 && errno != EINPROGRESS && errno != EINTR) {
         shutdown(fd, SHUT_RDWR);
@@ -155,7 +156,7 @@ int begin_connecting(const backend_address& where) {
     return fd;
 }
 
-// Prints why and returns -1 when there is no socket.
+// Prints why and returns -1 if there is no socket.
 int connect_to(const std::string& host, int port) {
     using outcome = backend_address::outcome;
     backend_address where;
@@ -179,8 +180,8 @@ bool http_proxy::connect_backend(const std::string& host, int to_port) {
     auto* const conn = new proxy_connection(socket, pipe);
     timeout = -1;
     if (g_server() == nullptr) {
-        // The backend connection is left to itself; its share of the pipe keeps this client
-        // open, so that the mistake is seen.
+        // Nobody drives the backend connection. Its share of the pipe keeps this client open, so
+        // the mistake is seen.
         base::puts("Error! No server assigned for proxy connections.");
         return true;
     }

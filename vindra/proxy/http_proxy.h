@@ -11,58 +11,61 @@
 class answer_reader;
 class server_base;
 
-/// A client connection whose requests are relayed to a backend, and the backend's bytes back,
-/// unread and unchanged.
+/// A client connection that relays its requests to a backend, and the backend's bytes back unread
+/// and unchanged.
 ///
-/// As it is, a forward proxy: it serves absolute-URI requests (RFC 9112, section 3.2.2) and
-/// CONNECT (RFC 9110, section 9.3.6). reverse_proxy overrides on_headers() to choose the
-/// backend by host. WebSocket handshakes are forwarded like any request.
+/// By itself it is a forward proxy for absolute URIs (RFC 9112, section 3.2.2) and CONNECT (RFC
+/// 9110, section 9.3.6). Override on_headers() to choose the backend otherwise, as reverse_proxy
+/// does by host. Call relay_strictly() if on_headers() has to see every request that a backend
+/// gets.
 ///
-/// A client connection has at most one backend at a time. While one is attached neither side
-/// is timed out, and when it ends the client ends too, once all that it brought is delivered:
-/// that is what delimits an answer without a length.
+/// A client has at most one backend at a time. While one is attached, neither side is timed out.
+/// When the backend ends, the client ends too as soon as everything is delivered. That delimits an
+/// answer without a length.
 class VINDRA_API http_proxy : public http_connection {
 public:
     http_proxy();
     ~http_proxy() override;
 
-    /// Hands over what the backend has sent.
+    /// Hands over the bytes that the backend has sent.
     bool on_send(char* buffer, int capacity, int* length) override;
 
-    /// Chooses the backend by the request's target, connects to it unless it is the one that is
-    /// attached, and queues the request in origin form; answers 404 for a destination that
-    /// should_block() refuses, and 502 where the address cannot be had. CONNECT turns the
-    /// connection into a tunnel. A connect that fails later closes the client unanswered.
+    /// Chooses the backend by the request's target, connects to it unless it is attached, and
+    /// queues the request in origin form. Answers 404 if should_block() says so, and 502 if there
+    /// is no address. CONNECT turns the connection into a tunnel. If the connect fails later, the
+    /// client is closed without an answer.
     void on_headers() override;
 
-    /// Queues the bytes for the backend as they are: bodies, and all that a tunnel carries.
+    /// Queues the bytes of a body or a tunnel for the backend, unchanged.
     void on_data(char* bytes, int length) override;
 
-    /// Nothing: the answer is whatever the backend sends.
+    /// Does nothing. The answer comes from the backend.
     void on_request() override;
 
-    /// Called once a request with the host that it names; true answers 404 instead. False here.
+    /// Called once per request with the host of its target. Return true to answer 404 instead. The
+    /// default returns false.
     virtual bool should_block(const std::string& host);
 
-    /// The lines of a header block that go to a backend, each with its line end: all but the
-    /// first line and those that begin with the bytes "Proxy" or "Connection". A line of a
-    /// single byte is taken together with the line behind it.
+    /// Returns the lines of a header block that go to a backend: all but the first line and those
+    /// that begin with the bytes "Proxy" or "Connection". A line of a single byte counts as part of
+    /// the line behind it.
     static std::string copy_headers(const std::string& headers);
 
-    /// The server into whose list every backend connection of the process goes. Set it before
-    /// any client is accepted, and leave it until that server has ended.
+    /// The server that drives every backend connection of the process. Set it before the first
+    /// client is accepted. The server must outlive every client.
     static server_base*& g_server();
 
-    /// Host of the attached backend as the target named it; empty when there is none.
+    /// Host of the attached backend, as the target named it; empty if there is none.
     std::string backend_host;
 
-    /// Port of the attached backend; 0 when there is none.
+    /// Port of the attached backend; 0 if there is none.
     int backend_port = 0;
 
-    /// The queues in use: `initial_pipe` until a backend is attached. Never null.
+    /// The current pipe, `initial_pipe` until the first backend. Never null.
     proxy_pipe* pipe = &initial_pipe;
 
-    /// Stands for the backend that may still come, whose share keeps a fresh client open.
+    /// The pipe of a fresh client. Its second share stands for a backend that may still come and
+    /// keeps the client open.
     proxy_pipe initial_pipe{2};
 
 protected:
@@ -104,34 +107,35 @@ protected:
     /// True while the backend connection of the current pipe lives; false on a fresh client.
     bool attached() const { return pipe != &initial_pipe && pipe->refs >= 2; }
 
-    /// Makes the backend at `to_port` of `host` the one of the current request: keeps the
-    /// attached connection if it was made under the same name and port, else replaces it.
-    /// False when there is no connection to be had; the 502 answer is queued then, and nothing
-    /// is left to do for this request.
+    /// Attaches the backend at `to_port` of `host`. Keeps the attached connection if it has the
+    /// same name and port, and replaces it otherwise. Returns false if no connection can be made
+    /// and 502 is queued, or if relay_strictly() forbids to pass on the request. Do nothing more
+    /// for the request then.
     ///
-    /// The name is `host`, or `name` where that is given. It is what `backend_host` becomes.
+    /// `name` is what `backend_host` becomes; `host` unless given.
     bool use_backend(const std::string& host, int to_port) {
         return use_backend(host, to_port, host);
     }
     bool use_backend(const std::string& host, int to_port, const std::string& name);
 
-    /// Drops bytes that wait for a backend where there is none to read them: the body of a
-    /// request that was answered here, or what a backend that has gone left behind. Call it
-    /// first in an on_headers() of your own, or such bodies stay until the client leaves.
+    /// Drops bytes that wait for a backend if no backend is attached: the body of a request that
+    /// was answered here, or bytes that a former backend did not read. Call it first in your own
+    /// on_headers(), or such bytes stay until the client leaves. forward_to() does so itself.
     void drop_unread();
 
-    /// Drops the current pipe, whose backend connection then drains and ends, for an empty one.
+    /// Replaces the current pipe by an empty one. The backend connection of the old one drains and
+    /// ends.
     void renew_pipe();
 
-    /// Opens a backend connection on the current pipe to the first address of `host` that is
-    /// not IPv6, without waiting for it, and disables the client's idle time-out. False, with
-    /// the reason printed, when there is no such address or no socket.
+    /// Starts a backend connection on the current pipe to the first address of `host` that is not
+    /// IPv6, and disables the client's idle time-out. Does not wait for the connect. Prints why and
+    /// returns false if there is no such address or no socket.
     bool connect_backend(const std::string& host, int to_port);
 
-    /// Queues the answer for a destination that there is none of here.
+    /// Queues a 404 answer.
     void answer_not_found();
 
-    /// Replaces what waits for the client by the 502 answer, after which it ends.
+    /// Drops what waits for the client, queues a 502 answer, and ends the client behind it.
     void answer_bad_gateway();
 
 private:

@@ -44,7 +44,7 @@ void proxy_pipe::end::attach_() {
     source_().set_listener([](void* conn) { static_cast<connection*>(conn)->wake(); }, &holder_);
 }
 
-// The other end is woken, as it may be finished now.
+// Wakes the other end, which may be finished now.
 void proxy_pipe::end::detach_() {
     assert(pipe_->refs > 0);
     base::byte_queue& others = target_();

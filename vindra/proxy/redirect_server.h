@@ -3,14 +3,14 @@
 #include "vindra/core/server.h"
 #include "vindra/proxy/redirector.h"
 
-/// The server<T> of the plain port beside an HTTPS port: its own clients are redirectors. It is
-/// still a server of T to whoever puts connections of their own into it.
+/// The server<T> of the plain port beside an HTTPS port. The clients that it accepts are
+/// redirectors. Connections of other classes may be added to its list as to any server's.
 template <typename T>
 class redirect_server : public server<T> {
 public:
     using server<T>::server;
 
-    /// A new redirector, whatever the peer's address.
+    /// Makes a redirector for any peer.
     connection* create_connection(int peer_address) override;
 };
 

@@ -25,7 +25,6 @@ void redirector::on_request() {
     write("HTTP/1.1 301 Moved Permanently\r\nLocation: https://" + host + port_suffix(ssl_port()) +
               path + "\r\nConnection: close\r\n",
           "");
-    // Only now: write() leaves the length of the body out of an answer that the end of the
-    // connection delimits, and this answer has one.
+    // Not before write(), which adds a Content-Length only to the answer of a kept connection.
     keep_alive = false;
 }

@@ -43,11 +43,12 @@ void reverse_proxy::answer_with_echo_() {
 }
 
 void reverse_proxy::forward_to_(int mapped_port) {
-    // Every backend is on this machine: the port alone tells them apart, the name stays what it is.
+    // Every backend is on this machine, so the port alone identifies it. `backend_host` stays as it
+    // is.
     if (!use_backend("localhost", mapped_port, backend_host)) return;
 
-    // The peer's address comes in a line of its own behind all others, so that a backend can
-    // tell it from what the client has claimed.
+    // The address comes in a line of its own behind all others. So a backend can tell it from a
+    // line that the client sent.
     base::byte_queue& request = pipe->to_backend;
     for (const std::string* word : {&method, &url}) {
         request += *word;

@@ -10,15 +10,15 @@
 
 namespace {
 
-// Names come from clients where a forward proxy is built on this.
+// A limit, because the names come from clients in a forward proxy.
 constexpr std::size_t names_max = 256;
 
-// An answer may be out of date after that; one question a second costs nothing.
+// An address may change. One look-up a second costs next to nothing.
 constexpr long milliseconds_kept = 1000;
 
 constexpr const char* hosts_file = "/etc/hosts";
 
-// All that tells one state of a file from another; zero for one that is not there.
+// Identifies the state of a file; all zero if there is no file.
 using file_state = std::array<long, 7>;
 
 file_state state_of(const char* path) {
@@ -45,7 +45,7 @@ struct memory {
         long found_at;
     };
 
-    // Once in a tick of the clock, which comes every few milliseconds, is at once.
+    // Looks once per clock tick (a few ms), which is often enough.
     void look_at_hosts(long now) {
         if (now == looked_at) return;
         looked_at = now;
@@ -61,7 +61,7 @@ struct memory {
 };
 
 memory& remembered() {
-    // Never destroyed: servers may still connect while the process exits.
+    // Never destroyed, because servers may still connect while the process exits.
     static memory& m = *new memory;
     return m;
 }
@@ -100,7 +100,7 @@ backend_address::outcome backend_address::find(const std::string& host, int port
     m.look_at_hosts(now);
 
     const std::string service = std::to_string(port);
-    // No host name holds a zero byte as far as the resolver sees it.
+    // The resolver reads the name up to its first zero byte, so a zero byte can end it here.
     const std::string key = host.c_str() + std::string(1, '\0') + service;
     if (const auto known = m.entries.find(key);
         known != m.entries.end() && now - known->second.found_at < milliseconds_kept) {

@@ -4,25 +4,23 @@
 
 #include <sys/socket.h>
 
-/// Where to connect to, as socket() and connect() want it.
-///
-/// For http_proxy alone.
+/// Arguments of socket() and connect() for a backend. Only http_proxy uses it.
 struct backend_address {
-    /// What became of a look-up.
+    /// Result of a look-up.
     enum class outcome {
         /// There is an address.
         found,
         /// The name cannot be resolved, or there is no such port.
         unresolved,
-        /// The name has IPv6 addresses alone.
+        /// The name has only IPv6 addresses.
         unusable
     };
 
     /// Stores the first address of `host` that is not IPv6 in `result`. May block.
     ///
-    /// What was found is remembered for a second, as long as the hosts file stays as it is: a
-    /// resolver's answer costs as much as two requests, and a backend connection may be made for
-    /// each. What was not found is asked again every time.
+    /// Keeps an address for a second, unless the hosts file changes. A look-up costs as much as two
+    /// requests, and each request may need a backend connection. A name that was not found is
+    /// looked up again every time.
     static outcome find(const std::string& host, int port, backend_address& result);
 
     /// Arguments of socket().
