@@ -1,5 +1,5 @@
-// A chat: every text that one browser sends goes to all of them. Frames carry at most 125 bytes
-// of payload, which is what the library understands of a standard client.
+// A chat: each text that a browser sends goes to all browsers. Shows channels, and how to live with
+// frames of at most 125 bytes, which is what the library reads without speak_websocket().
 
 #include "vindra/base/utf8_decode.h"
 #include "vindra/core/server.h"
@@ -44,7 +44,7 @@ document.forms[0].onsubmit = event => {
 </script>
 )html";
 
-// Browsers close on a text that is no UTF-8, so nobody may pass one on to all others.
+// A browser closes the connection when it gets text that is not UTF-8, so such text is dropped.
 bool is_utf8(const std::string& text) {
     for (std::size_t i = 0; i < text.size();) {
         int length = 0;
@@ -59,7 +59,7 @@ class chat_connection : public http_connection {
 public:
     chat_connection() { max_frame_length = max_message_length = longest_text; }
 
-    // The connection leaves its channels by itself when it ends.
+    // The connection leaves its channels when it ends.
     void on_upgrade() override { subscribe(room); }
 
     void on_message() override {

@@ -1,4 +1,4 @@
-// A page that shows figures of this machine as they change. Shows timers, posts from a thread,
+// A page with figures of this machine that changes by itself. Shows timers, posts from a thread,
 // channels, an orderly end at SIGTERM, and JSON by var.
 
 #include "vindra/base/var.h"
@@ -42,7 +42,7 @@ void measure() {
     show("load", load);
 }
 
-// What is typed becomes a figure too. Reading blocks, so a thread does it.
+// What is typed becomes a figure too. read() blocks, so a thread calls it.
 void read_notes() {
     char text[200];
     for (ssize_t n = 0; (n = read(STDIN_FILENO, text, sizeof text)) > 0;)

@@ -1,4 +1,4 @@
-// The smallest server: http_connection as it is answers each request with its own head.
+// The smallest server: http_connection without overrides answers each request with its own head.
 
 #include "vindra/core/server.h"
 #include "vindra/http/http_connection.h"

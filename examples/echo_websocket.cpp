@@ -21,7 +21,7 @@ public:
         if (upgraded) std::printf("The client closed with %d\n", close_code());
     }
 
-    // Called for handshakes too, while there is still a choice.
+    // Called for handshakes too, before they are answered.
     void on_headers() override {
         if (is_handshake() && path != "/echo") return answer(404, "text/plain", "no echo here\n");
         if (!choose_protocol("echo.v2")) choose_protocol("echo.v1");

@@ -1,7 +1,8 @@
-// Serves the files of one folder to GET and HEAD: 200 or 404, a range answered with the whole.
+// Serves the files of one folder to GET and HEAD. Answers 200 or 404, and a range with the whole
+// file.
 //
-// No path leads out of the folder: it is walked down one name at a time, dots are no names and
-// no link is followed.
+// No path leads out of the folder: each name is opened below the last one, "." and ".." are
+// refused, and no link is followed.
 
 #include "vindra/base/form.h"
 #include "vindra/core/server.h"
@@ -20,7 +21,8 @@ namespace {
 
 int folder = -1;
 
-// The file at `path`, which begins with a slash, below the folder; -1 where there is none.
+// Opens the file at `path`, which begins with a slash, below the folder. Returns -1 if there is
+// none.
 int open_below_folder(std::string_view path) {
     if (!path.starts_with('/')) return -1;
     int at = folder;
@@ -30,7 +32,7 @@ int open_below_folder(std::string_view path) {
         path.remove_prefix(name.size());
         const bool leads_down =
             !name.empty() && name != "." && name != ".." && name.find('\0') == std::string::npos;
-        // A pipe without a writer must not hold the loop up.
+        // Opening a pipe without a writer must not block the loop.
         const int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
         const int next = leads_down ? openat(at, name.c_str(), flags) : -1;
         if (at != folder) close(at);
@@ -66,7 +68,8 @@ public:
             close(opened);
             return;
         }
-        // Sent from where it stands to its end, a buffer at a time, as fast as the client reads.
+        // Sent from its current position to its end, one buffer at a time, as fast as the client
+        // reads.
         auto* const part = new response_part;
         part->file = fdopen(opened, "rb");
         parts.add(part);

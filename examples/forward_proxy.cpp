@@ -1,4 +1,4 @@
-// A forward proxy for this machine's programs: takes absolute URIs and CONNECT, and answers 404
+// A forward proxy for programs on this machine. Takes absolute URIs and CONNECT, and answers 404
 // for the hosts named on its command line.
 
 #include "vindra/core/server.h"
@@ -13,7 +13,7 @@ namespace {
 
 std::set<std::string> blocked;
 
-// Names are equal in letters of either case, and with the dot that ends a full name.
+// Compares host names in any letter case, with or without the final dot.
 std::string normal(std::string host) {
     for (char& c : host) {
         if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');

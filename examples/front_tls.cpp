@@ -1,8 +1,8 @@
-// The TLS front server inside a program that has a loop and commands of its own: reads lines
-// from its standard input and serves in between.
+// The TLS front server inside a program with a loop and commands of its own. Reads lines from
+// standard input between the turns:
 //
-//   map HOST PORT   forwards requests for HOST to PORT of this machine, from now on
-//   quit            ends every connection and the program; so does the end of the input
+//   map HOST PORT   from now on, forwards requests for HOST to PORT of this machine
+//   quit            ends all connections and the program, as the end of the input does
 
 #include "vindra/core/server.h"
 #include "vindra/core/sockets.h"
@@ -18,7 +18,7 @@
 
 namespace {
 
-// False when the program is to end.
+// Returns false if the program should end.
 bool obey(const std::string& line) {
     std::istringstream words(line);
     std::string command, host;
@@ -28,7 +28,7 @@ bool obey(const std::string& line) {
     return command != "quit";
 }
 
-// Takes what has been typed. False when the program is to end.
+// Reads what was typed. Returns false if the program should end.
 bool take_commands(std::string& typed) {
     char block[4096];
     const auto count = read(STDIN_FILENO, block, sizeof block);
@@ -42,7 +42,7 @@ bool take_commands(std::string& typed) {
 }
 
 void serve(int port, const char* key, const char* certificate) {
-    // Connections to backends speak no TLS, so a plain server drives them; it never listens.
+    // Connections to backends use no TLS, so a plain server drives them. It never listens.
     server<reverse_proxy> backends(0, true);
     http_proxy::g_server() = &backends;
     ssl_server<reverse_proxy> front(port, true, key, certificate);
@@ -58,7 +58,7 @@ void serve(int port, const char* key, const char* certificate) {
         if (sockets::readable()->test(STDIN_FILENO)) going_on = take_commands(typed);
     }
 
-    // Before the destructors: they no longer know how to end a TLS session.
+    // Now, because the destructors can no longer end TLS sessions.
     front.stop();
     backends.stop();
     std::puts("Stopped.");

@@ -1,5 +1,5 @@
-// A list of things to do, in memory and as JSON. Shows whole answers, requests read strictly,
-// queries, and JSON by nlohmann-json.
+// A to-do list with a JSON interface, kept in memory. Shows whole answers, strict reading, queries,
+// and JSON by nlohmann-json.
 
 #include "vindra/base/form.h"
 #include "vindra/core/server.h"
@@ -64,7 +64,8 @@ private:
         send(201, todo);
     }
 
-    // Takes what the body says into `todo`; false where it makes no sense and has its 400.
+    // Copies the body's fields into `todo`. If the body makes no sense, answers 400 and returns
+    // false.
     bool take_body(json& todo) {
         const json sent = json::parse(data, nullptr, false);
         if (!sent.is_object() || !(sent.contains("text") || todo.contains("text")) ||

@@ -1,5 +1,4 @@
-// Slow answers that hold nobody up: each is computed on a thread of its own and sent when it is
-// there, while the loop goes on serving.
+// Slow answers that block nobody: each is computed on its own thread, while the loop serves others.
 
 #include "vindra/core/server.h"
 #include "vindra/http/http_connection.h"
@@ -16,7 +15,7 @@ namespace {
 constexpr int largest_limit = 20000000;
 constexpr int most_threads = 256;
 
-// Functions at work. It has no destructor: some may still run when main() returns.
+// Number of running functions. Never destroyed, as some may still run when main() returns.
 std::atomic<int> threads = 0;
 
 bool is_prime(int n) {
@@ -28,7 +27,7 @@ bool is_prime(int n) {
     return true;
 }
 
-// Simple on purpose: three million take a second or so.
+// Slow on purpose: three million take about a second.
 int primes_below(int limit) {
     int count = 0;
     for (int n = 2; n < limit; ++n) count += is_prime(n) ? 1 : 0;
@@ -42,7 +41,7 @@ public:
         if (path != "/primes") return write("HTTP/1.1 404 Not Found\r\n", "");
         if (threads >= most_threads) return write("HTTP/1.1 503 Service Unavailable\r\n", "");
 
-        // The function may outlive this connection: it holds copies, and no `this`.
+        // The function may outlive this connection, so it captures copies, and no `this`.
         const int limit = std::min(std::atoi(query.c_str()), largest_limit);
         ++threads;
         const auto count = [limit] {
@@ -52,7 +51,7 @@ public:
         };
         if (method == "GET" && answer_later(*this, ok, count)) return;
         --threads;
-        // Chunks, in which late answers come, began with HTTP/1.1; and there is only GET here.
+        // Late answers need the chunked coding of HTTP/1.1. And only GET is served here.
         write("HTTP/1.1 501 Not Implemented\r\n", "");
     }
 
