@@ -5,6 +5,7 @@
 
 #include "tests/support/far_end.h"
 #include "tests/support/interposed_calls.h"
+#include "tests/support/socket_ends.h"
 
 #include <cerrno>
 #include <chrono>
@@ -66,12 +67,6 @@ protected:
             ::close(ends[1]);
         }
         return ends[0];
-    }
-
-    static int number_of_no_descriptor() {
-        const int fd = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3000);
-        ::close(fd);
-        return fd;
     }
 
     void fill() const {

@@ -7,7 +7,7 @@ import pytest
 from support.program import ROOT
 
 SCRIPT = ROOT / "packaging" / "examples" / "vindra-balance"
-REFUSAL = "vindra-balance: wants an address, a URL and a readable file of addresses\n"
+REFUSAL = "vindra-balance: needs an address, a URL and a readable file of addresses\n"
 
 
 @pytest.mark.parametrize("words", [

@@ -57,8 +57,8 @@ LINES = [
       "CRITICAL: user USER cannot read the certificate -map",
       "WARNING: no host is mapped: every request gets 404"]),
     ("PORT -map a:PORT -1 -ssl 8443 key",
-     ["CRITICAL: -ssl wants a port, a key and a certificate, and is ignored: there is no HTTPS"]),
-    ("PORT -map a:PORT -1 -map b", ["WARNING: -map wants a host and a port, and is ignored"]),
+     ["CRITICAL: -ssl needs a port, a key and a certificate, and is ignored: there is no HTTPS"]),
+    ("PORT -map a:PORT -1 -map b", ["WARNING: -map needs a host and a port, and is ignored"]),
     ("PORT -map a:PORT -1 -v", ['WARNING: "-v" is no option, and is ignored']),
     ("PORT -ssl 0 k c -map a:PORT -1", ["WARNING: the HTTPS port is 0: there is no HTTPS"]),
     # hosts
@@ -128,8 +128,8 @@ def test_what_is_missing_is_named():
 WRONG = [
     (["8080"], '"8080" is no option; the program\'s arguments stand behind --'),
     (["-x"], '"-x" is no option; the program\'s arguments stand behind --'),
-    (["-d"], "-d wants a word behind it"),
-    (["-d", "soon"], '-d wants a number of days, not "soon"'),
+    (["-d"], "-d needs an argument"),
+    (["-d", "soon"], '-d needs a number of days, not "soon"'),
     (["-f", "a", "--", "80"], "-f and arguments exclude each other"),
 ]
 
