@@ -16,6 +16,7 @@ struct seat {
     /// Tells whether a connection has nothing to hand over.
     using quiet_test = bool (*)(const connection&);
 
+    /// The seat of a connection.
     static seat& of(connection& conn);
     static const seat& of(const connection& conn);
 
@@ -23,6 +24,7 @@ struct seat {
     /// cannot tell.
     void resolve_promise(const connection& conn);
 
+    /// True if the connection's own class has called quiet_when(); see resolve_promise().
     bool has_promise() const { return promised_by == nullptr && is_quiet != nullptr; }
 
     /// Bytes at the end of the buffer of `conn` that are known to be untouched.
@@ -51,6 +53,7 @@ struct seat {
     /// How far `send_buffer` has been filled since its pages were last released, as far as
     /// `send_offset` and `send_length` have shown.
     int buffer_used = 0;
+    /// The roster visits the connection in every turn.
     bool awake = false;
     /// A first pass has visited the connection since it was enrolled.
     bool serviced = false;
