@@ -7,6 +7,7 @@
 #include "tests/support/running_server.h"
 
 #include <cstdlib>
+#include <limits>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -405,6 +406,45 @@ TEST_F(strict_relay, lets_a_body_finish_whose_answer_came_early) {
     EXPECT_EQ(at_client(), first_answer);
     send("def" + plain_get);
     EXPECT_EQ(at_backend(), "def" + with_port(plain_get));
+}
+
+TEST_F(strict_relay, refuses_in_a_body_without_mixing_two_answers) {
+    const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
+    for (const std::size_t begun : {std::size_t{0}, std::size_t{9}, answer.size() - 1}) {
+        SCOPED_TRACE(begun);
+        attach();
+        send("POST /PORT/late HTTP/1.1\r\nHost: a\r\nContent-Length: 6\r\n\r\nabc");
+        at_backend_.send(answer.substr(0, begun));
+        EXPECT_EQ(at_client(), answer.substr(0, begun));
+        send("def" + plain_get);
+        EXPECT_EQ(at_client_at_last(), begun == 0 ? refusal : "");
+        EXPECT_TRUE(client_.closed_by_peer());
+    }
+}
+
+TEST_F(strict_relay, refuses_with_its_own_answer_where_the_backends_has_not_been_passed_on) {
+    attach();
+    send("POST /PORT/late HTTP/1.1\r\nHost: a\r\nContent-Length: 6\r\n\r\nabc");
+    auto& conn = *static_cast<strict_gateway*>(front_.get().connections.head->next->value);
+    conn.pipe->to_client += "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
+    std::string rest = "def";
+    conn.on_recv(rest.data(), 3);
+    EXPECT_EQ(at_client_at_last(), refusal);
+}
+
+TEST_F(strict_relay, refuses_a_body_whose_length_no_int_holds_whatever_is_allowed) {
+    class uploads : public http_proxy {
+    public:
+        uploads() { relay_strictly(std::numeric_limits<int>::max()); }
+        void on_headers() override { answer(200, "", ""); }
+    };
+    running_server<uploads> front;
+    far_end client = front.connect();
+    client.send("POST / HTTP/1.1\r\nHost: a\r\nContent-Length: 4294967297\r\n\r\n");
+    EXPECT_EQ(front.receive(client, 38), "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+    client.send("POST / HTTP/1.1\r\n");
+    front.get().connections.head->next->value->last_active -= 5;
+    EXPECT_EQ(front.receive_all(client), "") << "no second request is read out of the body";
 }
 
 TEST_F(strict_relay, closes_the_backend_of_a_client_that_leaves_in_its_body) {

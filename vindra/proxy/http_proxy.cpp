@@ -102,7 +102,10 @@ bool http_proxy::use_backend(const std::string& host, int to_port, const std::st
 }
 
 void http_proxy::refuse(int status, std::string_view content_type, std::string_view body) {
-    if (!pipe->to_client.empty()) {
+    // Of a request that a backend has, an answer that has begun goes no further, and one that has
+    // not gives way to this one.
+    if (is_relayed_ && answer_reader_->has_begun()) written = true;
+    if (!pipe->to_client.empty() && !is_relayed_) {
         auto* const earlier = new response_part;
         earlier->text = pipe->to_client;
         parts.add(earlier);

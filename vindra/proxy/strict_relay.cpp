@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <limits>
 
 namespace {
 
@@ -87,8 +88,9 @@ void http_proxy::queue_head_(std::string_view target) {
 
 void http_proxy::relay_strictly(int largest_body) {
     if (!answer_reader_) answer_reader_ = std::make_unique<answer_reader>();
-    largest_body_ = largest_body;
-    read_strictly(largest_body);
+    // `content_length` stands for all longer bodies when it is the largest int.
+    largest_body_ = std::min(largest_body, std::numeric_limits<int>::max() - 1);
+    read_strictly(largest_body_);
 }
 
 // The reader refuses a body that is too long only after on_headers(). By then the head must not be
