@@ -79,8 +79,8 @@ public:
         reverse_proxy::hosts().set("echo", -1);
     }
 
-    void add_client() {
-        auto* conn = new reverse_proxy;
+    void add_client() { add_client(new reverse_proxy); }
+    void add_client(http_proxy* conn) {
         int far = -1;
         conn->fd = pair_end(far);
         clients.push_back(far);
