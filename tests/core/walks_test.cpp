@@ -130,14 +130,14 @@ protected:
 
 // The sanitizers take ten times as long.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr unsigned turns = 1000;
+constexpr int turns = 1000;
 #else
-constexpr unsigned turns = 3000;
+constexpr int turns = 3000;
 #endif
 
 TEST_P(walks_test, leave_out_no_call_but_those_that_would_do_nothing) {
     captured_output out;
-    for (unsigned turn = 0; turn < turns; ++turn) {
+    for (int turn = 0; turn < turns; ++turn) {
         for (unsigned events = pick(5); events > 0; --events) {
             if (plain_.far.size() < connections_max() && pick(3) == 0) someone_comes();
             someone_acts();
@@ -151,13 +151,13 @@ TEST_P(walks_test, leave_out_no_call_but_those_that_would_do_nothing) {
         }
     }
     out.take();
-    EXPECT_GT(calls_, turns);
+    EXPECT_GT(calls_, std::size_t{turns});
     if (GetParam().plain_walk_max == 0) {
         // News of each number in the plain world has everyone looked at once: whose is it?
         EXPECT_LT(quick_.empty_asks, plain_.empty_asks * 2 / 3) << "it asked nearly everyone";
     } else {
         EXPECT_LT(quick_.empty_asks, plain_.empty_asks) << "the limit was never crossed";
-        EXPECT_GT(crossings_, 10) << "or hardly ever";
+        EXPECT_GT(crossings_, turns / 300) << "or hardly ever";
     }
 }
 
