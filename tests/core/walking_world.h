@@ -133,7 +133,7 @@ public:
 class relay : public recorded<http_proxy> {
 public:
     relay(world& home, int number) : recorded(home, number) {
-        quiet_when<relay>([](const relay& conn) { return conn.pipe->to_client.empty(); });
+        quiet_when<relay>([](const relay& conn) { return conn.is_quiet(); });
     }
 
     void on_headers() override;

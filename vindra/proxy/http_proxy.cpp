@@ -23,7 +23,7 @@ constexpr int seconds_to_read_refusal = 10;
 
 http_proxy::http_proxy() {
     websockets = false;
-    quiet_when<http_proxy>([](const http_proxy& conn) { return conn.pipe->to_client.empty(); });
+    quiet_when<http_proxy>([](const http_proxy& conn) { return conn.is_quiet(); });
 }
 
 http_proxy::~http_proxy() = default;

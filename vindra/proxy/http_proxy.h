@@ -27,6 +27,10 @@ public:
     http_proxy();
     ~http_proxy() override;
 
+    /// True while on_send() gives nothing until bytes arrive: none from the backend wait, and no
+    /// answer is queued. For the quiet_when() of derived classes.
+    bool is_quiet() const { return pipe->to_client.empty() && parts.count <= 0; }
+
     /// Hands over the bytes that the backend has sent.
     bool on_send(char* buffer, int capacity, int* length) override;
 

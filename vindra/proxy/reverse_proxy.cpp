@@ -5,8 +5,7 @@
 #include "vindra/core/ipv4_text.h"
 
 reverse_proxy::reverse_proxy() {
-    quiet_when<reverse_proxy>(
-        [](const reverse_proxy& conn) { return conn.pipe->to_client.empty(); });
+    quiet_when<reverse_proxy>([](const reverse_proxy& conn) { return conn.is_quiet(); });
 }
 
 base::hashmap<int>& reverse_proxy::hosts() {
