@@ -1,14 +1,16 @@
 // Two queues, which share their blocks, beside a std::string each.
 //
 // Input: calls of three bytes. The first says which queue (bit 3) and which call (bits 0 to 2:
-// append, +=, assign, clear and give back pages, else take). The other two are a length: the second
-// byte itself, or that beside one block of 64 KiB or three, by the third one modulo 4.
+// append, +=, splice, assign, clear and release pages, else take). The other two are a length: the
+// second byte itself, or that beside one block of 64 KiB or three, by the third one modulo 4.
 
 #include "vindra/base/byte_queue.h"
 
 #include "fuzz/fuzz.h"
 
 #include <string>
+
+#include <sys/uio.h>
 
 namespace {
 
@@ -56,6 +58,9 @@ public:
             queue_.clear();
             base::byte_queue::release_pages();
             break;
+        case 5:
+            pass_through(length);
+            break;
         default:
             take(length);
         }
@@ -83,6 +88,22 @@ private:
         std::string out(length, '\0');
         out.resize(queue_.take(out.data(), length));
         require(out == text_.substr(0, length), "the front comes off in order");
+        text_.erase(0, length);
+    }
+
+    // Moves the front to another queue, and from there out.
+    void pass_through(std::size_t length) {
+        base::byte_queue moved;
+        moved.splice(queue_, length);
+        const std::string expected = text_.substr(0, length);
+        require(moved == expected, "blocks move in order");
+        iovec pieces[16];
+        std::string seen;
+        for (int i = 0, count = moved.gather(pieces, 16); i < count; ++i)
+            seen.append(static_cast<const char*>(pieces[i].iov_base), pieces[i].iov_len);
+        require(seen == expected, "and are described so");
+        moved.drop(expected.size() / 2);
+        require(moved == expected.substr(expected.size() / 2), "and dropped from the front");
         text_.erase(0, length);
     }
 

@@ -62,10 +62,10 @@ extern "C" int connect(int fd, const sockaddr* address, socklen_t length) {
     return type == AF_UNIX && address->sa_family == AF_INET ? 0 : call(fd, address, length);
 }
 
-/// Can be told how many connections it visits in every turn.
+/// Can be told how many connections it visits in every turn. Hands blocks over, as its base does.
 class walking_server : public server<reverse_proxy> {
 public:
-    walking_server() : server(0, false) {}
+    walking_server() : server(0, false) { sends_as(typeid(walking_server)); }
     void visit_all_up_to(int most) { plain_walk_max = most; }
 };
 

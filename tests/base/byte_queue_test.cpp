@@ -9,6 +9,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace {
@@ -69,10 +70,19 @@ TEST(byte_queue, taking_nothing_changes_nothing) {
     EXPECT_EQ(queue.size(), 3U);
 }
 
+// What gather() shows of the first block.
+std::string front(base::byte_queue& queue) {
+    iovec piece{};
+    if (queue.gather(&piece, 1) == 0) return "";
+    return {static_cast<const char*>(piece.iov_base), piece.iov_len};
+}
+
 TEST(byte_queue, behaves_as_a_string_through_any_mix_of_calls) {
     std::mt19937 random(11);
     std::string model;
     base::byte_queue queue;
+    std::string elsewhere_model;
+    base::byte_queue elsewhere;
     for (int step = 0; step < 20000; ++step) {
         const std::size_t length = random() % 3 == 0 ? random() % 200000 : random() % 300;
         switch (random() % 8) {
@@ -90,16 +100,69 @@ TEST(byte_queue, behaves_as_a_string_through_any_mix_of_calls) {
                 model = "short";
             }
             break;
+        case 4:
+            elsewhere.splice(queue, length);
+            elsewhere_model += model.substr(0, length);
+            model.erase(0, length);
+            break;
+        case 5: {
+            const std::size_t gone = std::min(length * 2, elsewhere.size());
+            const std::string shown = front(elsewhere);
+            ASSERT_EQ(shown, elsewhere_model.substr(0, shown.size()));
+            elsewhere.drop(gone);
+            elsewhere_model.erase(0, gone);
+            break;
+        }
         default:
             ASSERT_EQ(take(queue, length), model.substr(0, length));
             model.erase(0, length);
         }
+        ASSERT_EQ(elsewhere.size(), elsewhere_model.size());
         ASSERT_EQ(queue.size(), model.size());
         ASSERT_EQ(queue.empty(), model.empty());
         if (step % 500 == 0) {
             ASSERT_TRUE(queue == model);
+            ASSERT_TRUE(elsewhere == elsewhere_model);
         }
     }
+}
+
+TEST(byte_queue, describes_all_its_blocks_or_as_many_as_there_is_room_for) {
+    base::byte_queue queue;
+    iovec pieces[8];
+    EXPECT_EQ(queue.gather(pieces, 8), 0);
+    const std::string text(200000, 'x');
+    queue += text;
+    const int count = queue.gather(pieces, 8);
+    ASSERT_GE(count, 4);
+    std::size_t sum = 0;
+    for (int i = 0; i < count; ++i) sum += pieces[i].iov_len;
+    EXPECT_EQ(sum, text.size());
+    EXPECT_EQ(queue.gather(pieces, 2), 2);
+    EXPECT_EQ(queue.size(), text.size()) << "nothing is taken";
+}
+
+TEST(byte_queue, moves_blocks_from_another_and_calls_no_listener) {
+    base::byte_queue from;
+    base::byte_queue to;
+    int calls = 0;
+    const std::string text(100000, 'x');
+    from += text;
+    iovec piece;
+    from.gather(&piece, 1);
+    const void* const first = piece.iov_base;
+    to.set_listener([](void* count) { ++*static_cast<int*>(count); }, &calls);
+    to.splice(from, 1000000);
+    to.gather(&piece, 1);
+    EXPECT_EQ(piece.iov_base, first) << "it was copied";
+    EXPECT_TRUE(to == text);
+    EXPECT_TRUE(from.empty());
+    to.clear();
+    from += text;
+    to.splice(from, 5);
+    EXPECT_TRUE(to == "xxxxx");
+    EXPECT_EQ(from.size(), text.size() - 5);
+    EXPECT_EQ(calls, 0);
 }
 
 TEST(byte_queue, block_boundaries_lose_and_repeat_nothing) {

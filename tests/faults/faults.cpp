@@ -7,6 +7,7 @@
 // interrupted goes on.
 
 #include "tests/support/next_call.h"
+#include "tests/support/shortened_message.h"
 
 #include <algorithm>
 #include <atomic>
@@ -145,6 +146,17 @@ ssize_t send(int fd, const void* buffer, size_t length, int flags) {
     static auto* const call = next_call<decltype(send)>("send");
     return transferred(on_send, fd, length,
                        [=](std::size_t part) { return call(fd, buffer, part, flags); });
+}
+
+// Counts as a send(): which of the two the library calls depends on how much waits.
+ssize_t sendmsg(int fd, const msghdr* message, int flags) {
+    static auto* const call = next_call<decltype(sendmsg)>("sendmsg");
+    std::size_t length = 0;
+    for (std::size_t i = 0; i < message->msg_iovlen; ++i) length += message->msg_iov[i].iov_len;
+    return transferred(on_send, fd, length, [=](std::size_t part) {
+        const shortened_message shortened(*message, part);
+        return call(fd, shortened.get(), flags);
+    });
 }
 
 ssize_t read(int fd, void* buffer, size_t length) {

@@ -1,9 +1,11 @@
 #include "tests/support/interposed_calls.h"
 
 #include "tests/support/next_call.h"
+#include "tests/support/shortened_message.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <utility>
 
 #include <poll.h>
@@ -18,6 +20,7 @@ int accept_error = 0;
 int recv_error_once = 0;
 int recv_calls = 0;
 int poll_calls = 0;
+int sendmsg_calls = 0;
 int send_limit = 0;
 int send_error_once = 0;
 
@@ -66,4 +69,12 @@ extern "C" ssize_t send(int fd, const void* buffer, size_t length, int flags) {
         length = std::min(length, static_cast<size_t>(interposed::send_limit));
     }
     return call(fd, buffer, length, flags);
+}
+
+extern "C" ssize_t sendmsg(int fd, const msghdr* message, int flags) {
+    static auto* const call = next_call<decltype(sendmsg)>("sendmsg");
+    ++interposed::sendmsg_calls;
+    if (fails_with(std::exchange(interposed::send_error_once, 0))) return -1;
+    const shortened_message shortened(*message, static_cast<std::size_t>(interposed::send_limit));
+    return call(fd, interposed::send_limit > 0 ? shortened.get() : message, flags);
 }

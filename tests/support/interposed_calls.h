@@ -23,6 +23,9 @@ extern int recv_calls;
 /// How often poll() was called.
 extern int poll_calls;
 
+/// How often sendmsg() was called. What is said of send() below holds for it, too.
+extern int sendmsg_calls;
+
 /// Most bytes that one send() may take; 0 for no limit.
 extern int send_limit;
 

@@ -7,6 +7,9 @@
 #include <cstdint>
 #include <cstring>
 #include <new>
+#include <utility>
+
+#include <sys/uio.h>
 
 namespace base {
 
@@ -48,9 +51,14 @@ void byte_queue::release_pages() {
 
 void byte_queue::append(const char* bytes, std::size_t length) {
     const bool arrival = size_ == 0 && length > 0;
+    copy_in_(bytes, length);
+    if (arrival) announce();
+}
+
+void byte_queue::copy_in_(const char* bytes, std::size_t length) {
     size_ += length;
     while (length > 0) {
-        if (last_ == nullptr || last_->end == last_->capacity) add_block_();
+        if (last_ == nullptr || last_->end == last_->capacity) add_block_(length);
         const std::size_t count = std::min<std::size_t>(length, last_->capacity - last_->end);
         std::memcpy(last_->bytes() + last_->end, bytes, count);
         last_->end += static_cast<std::uint32_t>(count);
@@ -59,7 +67,6 @@ void byte_queue::append(const char* bytes, std::size_t length) {
         length -= count;
     }
     assert((size_ == 0) == (first_ == nullptr));
-    if (arrival) announce();
 }
 
 byte_queue& byte_queue::operator+=(std::string_view text) {
@@ -94,6 +101,38 @@ std::size_t byte_queue::take(char* out, std::size_t capacity) {
     return taken;
 }
 
+void byte_queue::splice(byte_queue& other, std::size_t most) {
+    while (other.first_ != nullptr) {
+        const std::size_t count = other.first_->end - other.first_->begin;
+        if (count > most) break;
+        link_last_(other.unlink_first_());
+        size_ += count;
+        other.size_ -= count;
+        most -= count;
+    }
+    if (other.first_ == nullptr || most == 0) return;
+    copy_in_(other.first_->bytes() + other.first_->begin, most);
+    other.drop(most);
+}
+
+int byte_queue::gather(iovec* pieces, int count) {
+    int described = 0;
+    for (block* b = first_; b != nullptr && described < count; b = b->next)
+        pieces[described++] = {b->bytes() + b->begin, b->end - b->begin};
+    return described;
+}
+
+void byte_queue::drop(std::size_t length) {
+    assert(length <= size_);
+    size_ -= length;
+    while (length > 0) {
+        const std::size_t count = std::min<std::size_t>(length, first_->end - first_->begin);
+        first_->begin += static_cast<std::uint32_t>(count);
+        length -= count;
+        if (first_->begin == first_->end) drop_first_();
+    }
+}
+
 byte_queue::operator std::string() const {
     std::string text;
     text.reserve(size_);
@@ -113,24 +152,30 @@ bool byte_queue::equals_(std::string_view text) const {
     return true;
 }
 
-void byte_queue::add_block_() {
-    char* const memory = block_store::shared().take();
+void byte_queue::add_block_(std::size_t length) {
+    char* const memory = block_store::shared().take(length);
     const std::size_t offset = offset_of(memory);
     const std::size_t capacity = block_store::block_bytes - offset - sizeof(block);
-    auto* const added =
-        new (memory + offset) block{nullptr, 0, 0, static_cast<std::uint32_t>(capacity)};
-    (last_ == nullptr ? first_ : last_->next) = added;
-    last_ = added;
+    link_last_(*new (memory + offset) block{nullptr, 0, 0, static_cast<std::uint32_t>(capacity)});
+}
+
+void byte_queue::link_last_(block& added) {
+    (last_ == nullptr ? first_ : last_->next) = &added;
+    last_ = &added;
+}
+
+byte_queue::block& byte_queue::unlink_first_() {
+    assert(first_ != nullptr && last_ != nullptr);
+    block& unlinked = *first_;
+    first_ = std::exchange(unlinked.next, nullptr);
+    if (first_ == nullptr) last_ = nullptr;
+    return unlinked;
 }
 
 void byte_queue::drop_first_() {
-    assert(first_ != nullptr && last_ != nullptr);
-    block* const dropped = first_;
-    first_ = dropped->next;
-    if (first_ == nullptr) last_ = nullptr;
+    char* const dropped = reinterpret_cast<char*>(&unlink_first_());
     const auto address = reinterpret_cast<std::uintptr_t>(dropped);
-    block_store::shared().put_back(reinterpret_cast<char*>(dropped) -
-                                   address % block_store::block_bytes);
+    block_store::shared().put_back(dropped - address % block_store::block_bytes);
 }
 
 } // namespace base

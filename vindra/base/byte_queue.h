@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+struct iovec;
+
 namespace base {
 
 /// First-in-first-out bytes between two ends of unequal speed.
@@ -39,6 +41,17 @@ public:
     /// Moves at most `capacity` bytes from the front into `out` and returns how many.
     std::size_t take(char* out, std::size_t capacity);
 
+    /// Moves at most `most` bytes from the front of `other` behind those that wait here. Whole
+    /// blocks change hands; only a part of one is copied. Calls no listener.
+    void splice(byte_queue& other, std::size_t most);
+
+    /// Describes up to `count` blocks from the front in `pieces` and returns how many. The pointers
+    /// are valid until something is taken.
+    int gather(iovec* pieces, int count);
+
+    /// Drops `length` bytes from the front; at least as many wait.
+    void drop(std::size_t length);
+
     /// Returns memory to the kernel: the pages of blocks that no queue has needed since the last
     /// call, except a few mebibytes. A server calls this once a second.
     static void release_pages();
@@ -68,8 +81,12 @@ private:
 
     bool equals_(std::string_view text) const;
 
-    // Links an empty block behind the last one; returns the first one to the store.
-    void add_block_();
+    void copy_in_(const char* bytes, std::size_t length);
+    // Links an empty block, for up to `length` bytes, behind the last one.
+    void add_block_(std::size_t length);
+    void link_last_(block& added);
+    // Unlinks the first block and returns it; returns it to the store.
+    block& unlink_first_();
     void drop_first_();
 
     /// Sum of the filled parts of all blocks; 0 exactly when `first_` is null.

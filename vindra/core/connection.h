@@ -108,6 +108,7 @@ protected:
     template <typename Own, typename Test>
     void quiet_when(Test /*is_quiet*/) {
         seat_.promised_by = &typeid(Own);
+        seat_.source = nullptr;
         seat_.is_quiet = [](const connection& conn) {
             return Test{}(static_cast<const Own&>(conn));
         };

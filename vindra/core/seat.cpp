@@ -18,8 +18,17 @@ int seat::untouched_bytes(const connection& conn) {
     return connection::send_buffer_size - buffer_used;
 }
 
+void seat::copy_outgoing(connection& conn) {
+    const int offset = std::clamp(conn.send_offset, 0, connection::send_buffer_size);
+    outgoing->take(conn.send_buffer + offset,
+                   static_cast<std::size_t>(connection::send_buffer_size - offset));
+    outgoing.reset();
+    note_buffer_use(conn);
+}
+
 // Anyone may have set the two fields to anything.
 void seat::note_buffer_use(const connection& conn) {
+    if (outgoing) return;
     const std::int64_t end = std::int64_t{conn.send_offset} + conn.send_length;
     const auto within = std::clamp<std::int64_t>(end, 0, connection::send_buffer_size);
     buffer_used = std::max(buffer_used, static_cast<int>(within));

@@ -1,8 +1,10 @@
 #pragma once
 
+#include "vindra/base/byte_queue.h"
 #include "vindra/base/linkedlist.h"
 
 #include <cstdint>
+#include <memory>
 #include <typeinfo>
 
 class connection;
@@ -15,6 +17,9 @@ class connection;
 struct seat {
     /// Tells whether a connection has nothing to hand over.
     using quiet_test = bool (*)(const connection&);
+
+    /// Gives the queue whose blocks a connection hands over.
+    using queue_of = base::byte_queue* (*)(connection&);
 
     /// The seat of a connection.
     static seat& of(connection& conn);
@@ -29,6 +34,10 @@ struct seat {
 
     /// Bytes at the end of the buffer of `conn` that are known to be untouched.
     int untouched_bytes(const connection& conn);
+
+    /// Puts the bytes of `outgoing` where those of any other connection are, for whoever looks
+    /// there.
+    void copy_outgoing(connection& conn);
 
     /// Takes into account what the buffer of `conn` holds at this moment.
     void note_buffer_use(const connection& conn);
@@ -47,6 +56,12 @@ struct seat {
     /// gave. Derived classes have not made its promise.
     const std::type_info* promised_by = nullptr;
     quiet_test is_quiet = nullptr;
+    /// For a class of the library's own whose on_send() does nothing but take from a queue: gives
+    /// that queue, or null while on_send() does something else. Holds as the promise does.
+    queue_of source = nullptr;
+    /// Blocks of that queue that are on their way out, instead of bytes in `send_buffer`: as many
+    /// bytes as `send_length`. Null when there are none.
+    std::unique_ptr<base::byte_queue> outgoing;
 
     /// Descriptor at the time of the enrolment; negative for none.
     int fd = -1;

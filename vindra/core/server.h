@@ -3,6 +3,7 @@
 #include "vindra/core/server_base.h"
 
 #include <cstdlib>
+#include <typeinfo>
 
 /// A server whose clients are connections of class `T`, which is default-constructible and
 /// derives from connection.
@@ -25,4 +26,7 @@ public:
 
     /// A new `T`.
     connection* create_connection(int /*peer_address*/) override { return new T; }
+
+private:
+    const bool sends_as_this_ = sends_as(typeid(server));
 };

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <ctime>
 #include <memory>
+#include <typeinfo>
 
 class roster;
 
@@ -113,6 +114,13 @@ protected:
     /// once a second. A test sets it to compare the two.
     int plain_walk_max = 32;
 
+    /// For constructors. `own` is a class of the library whose send() is used as it is: a server of
+    /// exactly that class may hand large outputs over without copying them. Returns true.
+    bool sends_as(const std::type_info& own) {
+        sender_ = &own;
+        return true;
+    }
+
 private:
     /// What end_connection() does about the number of a connection.
     class closing_;
@@ -131,6 +139,13 @@ private:
     void write_(connection& conn, std::time_t now);
     /// A connection's part of the send pass.
     void ask_(connection& conn, std::time_t now);
+    /// True if send() is the library's own.
+    bool hands_over_() const;
+    /// True if blocks of a queue were taken in place of on_send()'s bytes.
+    bool take_blocks_(connection& conn);
+    /// As send() for what waits, wherever it is.
+    int send_waiting_(connection& conn);
+    int send_blocks_(connection& conn, base::byte_queue& blocks);
     void leave_quiet_(connection& conn, std::time_t now);
     void remove_visited_();
     static void release_memory_(std::time_t now);
@@ -139,6 +154,8 @@ private:
 
     /// Whom a turn visits. With at most `plain_walk_max` connections everyone is awake.
     std::unique_ptr<roster> roster_;
+    /// The class that has called sends_as() last.
+    const std::type_info* sender_ = nullptr;
     /// The connection in hand; null outside a visit and once it is removed.
     connection* visited_ = nullptr;
     /// registry::marks() as far as they have been acted on.

@@ -24,9 +24,19 @@ constexpr int seconds_to_read_refusal = 10;
 http_proxy::http_proxy() {
     websockets = false;
     quiet_when<http_proxy>([](const http_proxy& conn) { return conn.is_quiet(); });
+    hand_over_blocks_();
 }
 
 http_proxy::~http_proxy() = default;
+
+// Only where on_send() would take from the pipe and do nothing else.
+void http_proxy::hand_over_blocks_() {
+    seat::of(*this).source = [](connection& conn) {
+        auto& self = static_cast<http_proxy&>(conn);
+        const bool only_relays = !self.refuses() && (!self.answer_reader_ || self.upgraded);
+        return only_relays ? &self.pipe->to_client : nullptr;
+    };
+}
 
 server_base*& http_proxy::g_server() {
     static server_base* home = nullptr;

@@ -143,6 +143,11 @@ protected:
     void answer_bad_gateway();
 
 private:
+    friend class reverse_proxy;
+
+    /// Lets a server write what the backend sends without copying it.
+    void hand_over_blocks_();
+
     /// False if relay_strictly() forbids to pass on the current request.
     bool begin_relaying_();
     /// True if the attached backend has that name and port and can take another request.

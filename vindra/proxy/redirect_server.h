@@ -3,6 +3,8 @@
 #include "vindra/core/server.h"
 #include "vindra/proxy/redirector.h"
 
+#include <typeinfo>
+
 /// The server<T> of the plain port beside an HTTPS port. The clients that it accepts are
 /// redirectors. Connections of other classes may be added to its list as to any server's.
 template <typename T>
@@ -12,6 +14,9 @@ public:
 
     /// Makes a redirector for any peer.
     connection* create_connection(int peer_address) override;
+
+private:
+    const bool sends_as_this_ = this->sends_as(typeid(redirect_server));
 };
 
 template <typename T>

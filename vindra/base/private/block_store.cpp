@@ -24,6 +24,13 @@ void block_store::release_pages() {
     assert(cold_ <= free_.size());
 }
 
+// Linux before 5.14 does not know this advice: the faults come then.
+void block_store::populate_(char* block) {
+#ifdef MADV_POPULATE_WRITE
+    madvise(block, block_bytes, MADV_POPULATE_WRITE);
+#endif
+}
+
 void block_store::add_region_() {
     constexpr std::size_t region_bytes = block_bytes * blocks_per_region;
     // One block more than needed: the region begins at the first aligned address.

@@ -26,9 +26,12 @@ public:
     }
 
     /// A block that nobody else uses. Its content is whatever was there.
-    char* take() {
+    /// `length` bytes are to be written to it first. If they are many, the pages are fetched in one
+    /// call instead of by one fault each.
+    char* take(std::size_t length) {
         if (free_.empty()) add_region_();
         char* block = free_.back();
+        if (length >= populated_bytes_min_ && free_.size() <= cold_) populate_(block);
         assert(reinterpret_cast<std::uintptr_t>(block) % block_bytes == 0);
         free_.pop_back();
         cold_ = std::min(cold_, free_.size());
@@ -43,13 +46,19 @@ public:
         --in_use_;
     }
 
+    /// Blocks that are with somebody.
+    std::size_t in_use() const { return in_use_; }
+
     /// Returns pages of free blocks to the kernel. Keeps those of as many blocks as it would take
     /// to reach the peak since the last call again, and always those of a few.
     void release_pages();
 
 private:
+    static constexpr std::size_t populated_bytes_min_ = 16384;
+
     // Makes more blocks, or throws std::bad_alloc.
     void add_region_();
+    static void populate_(char* block);
 
     /// Last in, first out: the warmest block is used next. The first `cold_` have no pages.
     std::vector<char*> free_;
