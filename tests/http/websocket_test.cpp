@@ -445,6 +445,28 @@ TEST(websocket, leaves_its_channels_when_the_client_is_gone_within_a_message) {
     EXPECT_EQ(http_connection::channels().get("gone"), nullptr);
 }
 
+TEST(websocket, is_quiet_while_nothing_waits_and_nothing_ends) {
+    for (const bool by_standard : {true, false}) {
+        const std::unique_ptr<recording_connection> conn =
+            by_standard ? upgraded() : upgraded_connection();
+        EXPECT_TRUE(conn->is_quiet());
+        feed(*conn, short_frame(0x89, "ping"));
+        EXPECT_FALSE(conn->is_quiet());
+        drain(*conn);
+        EXPECT_TRUE(conn->is_quiet());
+        feed(*conn, short_frame(0x88, ""));
+        drain(*conn);
+        EXPECT_FALSE(conn->is_quiet());
+    }
+}
+
+TEST(websocket, is_not_quiet_while_it_waits_for_a_close_frame) {
+    const auto conn = upgraded();
+    conn->send_close();
+    drain(*conn);
+    EXPECT_FALSE(conn->is_quiet());
+}
+
 TEST(websocket, stays_in_the_short_form_unless_asked) {
     const auto conn = upgraded_connection();
     feed(*conn, standard_frame(0x88, code(1000)));

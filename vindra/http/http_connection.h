@@ -86,9 +86,10 @@ public:
     /// warning. The connection stays open until the client closes it or it times out.
     void on_recv(char* bytes, int length) override;
 
-    /// True while on_send() gives nothing until bytes arrive or an answer is queued. For the
-    /// quiet_when() of derived classes.
-    bool is_quiet() const { return parts.count <= 0 && !written; }
+    /// True while on_send() gives nothing until bytes arrive, or an answer or a message is queued.
+    /// For the quiet_when() of derived classes. If you append to `parts` outside of this
+    /// connection's hooks, call wake().
+    bool is_quiet() const { return parts.count <= 0 && (!written || (upgraded && keep_alive)); }
 
     /// Hands over the first of `parts`, or as much of it as fits: one part a call. With nothing
     /// queued, returns false if the connection is not kept and its response is out.
