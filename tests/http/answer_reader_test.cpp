@@ -62,6 +62,8 @@ const answer_case cases[] = {
     {"folded line", ok("A: b\r\n Content-Length: 2\r\nContent-Length: 1\r\n", "x"), end::at_close},
     {"another protocol", "HTTP/1.1 101 Switching Protocols\r\nContent-Length: 1\r\n\r\nx",
      end::at_close},
+    {"an answer behind another protocol",
+     "HTTP/1.1 101 Switching Protocols\r\n\r\n" + ok("Content-Length: 1\r\n", "x"), end::at_close},
     {"no HTTP", "SSH-2.0-x\r\n\r\n", end::at_close},
     {"short status", "HTTP/1.1 20 OK\r\nContent-Length: 1\r\n\r\nx", end::at_close},
     {"long head", ok("A: " + std::string(70000, 'a') + "\r\nContent-Length: 1\r\n", "x"),
