@@ -105,7 +105,7 @@ void http_connection::handle_frame_(const websocket_frame& frame, std::string_vi
     if (!frame.is_control()) return take_fragment_(frame, bytes);
     std::string payload;
     frame.append_payload(payload, bytes);
-    if (frame.opcode == websocket_frame::close) answer_close_(payload);
+    if (frame.opcode == websocket_frame::closing) answer_close_(payload);
     if (frame.opcode == websocket_frame::ping) answer_ping_(payload);
 }
 
@@ -157,7 +157,7 @@ void http_connection::send_close(int code, std::string_view reason) {
         payload += {static_cast<char>(code / 256), static_cast<char>(code % 256)};
         if (payload.size() + reason.size() <= websocket_frame::longest_control) payload += reason;
     }
-    send_message(payload, websocket_frame::close);
+    send_message(payload, websocket_frame::closing);
     websocket_ = websocket_stage_::closing;
     keep_alive = false;
     linger_bytes_ = most_dropped;

@@ -24,7 +24,7 @@ bool may_be_sent(unsigned first, unsigned second) {
     const bool reserved_bits = (first & 0x70U) != 0;
     const bool masked = (second & 0x80U) != 0;
     if (reserved_bits || !masked) return false;
-    if (opcode < websocket_frame::close) return opcode <= websocket_frame::binary;
+    if (opcode < websocket_frame::closing) return opcode <= websocket_frame::binary;
     const bool final = (first & 0x80U) != 0;
     return opcode <= websocket_frame::pong && final &&
            (second & 0x7FU) <= websocket_frame::longest_control;

@@ -14,8 +14,15 @@
 /// then     those bytes of the length, high byte first; 4 bytes of key; the payload
 /// ```
 struct websocket_frame {
-    /// Opcodes. From `close` on they are control frames, which may stand inside a message.
-    enum kind : unsigned { continuation = 0, text = 1, binary = 2, close = 8, ping = 9, pong = 10 };
+    /// Opcodes. From `closing` on they are control frames, which may stand inside a message.
+    enum kind : unsigned {
+        continuation = 0,
+        text = 1,
+        binary = 2,
+        closing = 8,
+        ping = 9,
+        pong = 10
+    };
 
     /// Longest payload of a close, ping or pong.
     static constexpr std::size_t longest_control = 125;
@@ -38,7 +45,7 @@ struct websocket_frame {
     std::size_t head_size = 0;
     std::uint64_t length = 0;
 
-    bool is_control() const { return opcode >= close; }
+    bool is_control() const { return opcode >= closing; }
 
     /// Appends the unmasked payload to `out`. `bytes` must begin with this frame, whole.
     void append_payload(std::string& out, std::string_view bytes) const;
