@@ -4,6 +4,7 @@
 #include "tests/support/recording_connection.h"
 
 #include <functional>
+#include <limits>
 #include <memory>
 #include <string>
 
@@ -319,6 +320,13 @@ TEST(strict_reader, forgets_what_it_has_read_of_a_row) {
     feed(*conn, row);
     EXPECT_TRUE(drain(*conn).open);
     EXPECT_EQ(conn->requests, 2 * requests);
+}
+
+TEST(strict_reader, refuses_a_body_longer_than_an_int_whatever_the_limit) {
+    const auto conn = connection();
+    conn->read_strictly(std::numeric_limits<int>::max());
+    feed(*conn, "POST / HTTP/1.1\r\nHost: a\r\nContent-Length: 2147483648\r\n\r\n");
+    EXPECT_EQ(send_once(*conn).bytes, refusal("413 Content Too Large"));
 }
 
 TEST(strict_reader, lets_the_client_of_a_refusal_finish) {

@@ -98,7 +98,7 @@ void http_connection::begin_strict_request_() {
         on_headers();
     }
     // A refused handshake may have a body too.
-    if (!upgraded && content_length > largest_body_) refuse_body_over(largest_body_);
+    if (!upgraded && content_length >= largest_body_) refuse_body_over(largest_body_);
     if (strict_stage_ == stage_::refused) return;
     await_body_();
 }
