@@ -144,9 +144,9 @@ def test_a_disturbed_measurement_is_made_again_and_reported(tmp_path):
                     "--only", "start", "--json", numbers)
     assert (run.returncode, run.stderr) == (0, "")
     found = json.loads(numbers.read_text())["rows"]
-    assert found["get_64"]["vindra"][0]["waited"] > 0.02 and found["get_64"]["vindra"][0]["tries"] == 2
+    assert found["get_64"]["vindra"][0]["waited"] > 0.05 and found["get_64"]["vindra"][0]["tries"] == 2
     assert found["start"]["vindra"][0]["tries"] == 1
-    assert run.stdout.count("The server waited for its processor for more than 2 % of the time in 1 of 1 measurements; "
+    assert run.stdout.count("The server waited for its processor for more than 5 % of the time in 1 of 1 measurements; "
                             "1 had been made again.") == 1, run.stdout
     assert bench("report", numbers, tmp_path).returncode == 0
     assert "in 1 of 2 measurements; 1 had been made again." in (tmp_path / "benchmarks.md").read_text()
