@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
-#include <typeinfo>
 
 #if !defined(__GXX_RTTI)
 #error "vindra tells classes of connections apart at run time: compile without -fno-rtti"
@@ -107,7 +106,7 @@ protected:
     /// takes a `const Own&`. A derived class is asked every turn unless it makes the call itself.
     template <typename Own, typename Test>
     void quiet_when(Test /*is_quiet*/) {
-        seat_.promised_by = &typeid(Own);
+        seat_.promised_by = &class_of<Own>();
         seat_.source = nullptr;
         seat_.is_quiet = [](const connection& conn) {
             return Test{}(static_cast<const Own&>(conn));

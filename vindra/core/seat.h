@@ -9,6 +9,17 @@
 
 class connection;
 
+/// typeid(T). Not defined without RTTI, so that connection.h says what is missing in one line.
+template <typename T>
+const std::type_info& class_of();
+
+#if defined(__GXX_RTTI)
+template <typename T>
+const std::type_info& class_of() {
+    return typeid(T);
+}
+#endif
+
 /// What the server that drives a connection keeps of it. For server_base and its roster alone.
 ///
 /// A seat is empty until a roster enrols its connection. A roster believes only what it has

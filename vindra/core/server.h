@@ -3,7 +3,6 @@
 #include "vindra/core/server_base.h"
 
 #include <cstdlib>
-#include <typeinfo>
 
 /// A server whose clients are connections of class `T`, which is default-constructible and
 /// derives from connection.
@@ -28,5 +27,5 @@ public:
     connection* create_connection(int /*peer_address*/) override { return new T; }
 
 private:
-    const bool sends_as_this_ = sends_as(typeid(server));
+    const bool sends_as_this_ = sends_as(class_of<server>());
 };

@@ -3,7 +3,6 @@
 #include "vindra/core/server.h"
 #include "vindra/proxy/redirector.h"
 
-#include <typeinfo>
 
 /// The server<T> of the plain port beside an HTTPS port. The clients that it accepts are
 /// redirectors. Connections of other classes may be added to its list as to any server's.
@@ -16,7 +15,7 @@ public:
     connection* create_connection(int peer_address) override;
 
 private:
-    const bool sends_as_this_ = this->sends_as(typeid(redirect_server));
+    const bool sends_as_this_ = this->sends_as(class_of<redirect_server>());
 };
 
 template <typename T>
