@@ -3,7 +3,6 @@
 #include "vindra/core/server.h"
 #include "vindra/proxy/redirector.h"
 
-
 /// The server<T> of the plain port beside an HTTPS port. The clients that it accepts are
 /// redirectors. Connections of other classes may be added to its list as to any server's.
 template <typename T>
