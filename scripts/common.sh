@@ -30,6 +30,7 @@ have() {
         fail2ban) command -v fail2ban-regex ;;
         g++-aarch64-linux-gnu) command -v aarch64-linux-gnu-g++ ;;
         ninja-build) command -v ninja ;;
+        node-ws) [[ -d /usr/share/nodejs/ws ]] ;;
         monitoring-plugins-basic) [[ -x /usr/lib/nagios/plugins/check_http ]] ;;
         nftables) command -v nft ;;
         nginx-light) command -v nginx ;;
