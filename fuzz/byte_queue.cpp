@@ -1,8 +1,9 @@
 // Two queues, which share their blocks, beside a std::string each.
 //
-// Input: calls of three bytes. The first says which queue (bit 3) and which call (bits 0 to 2:
-// append, +=, splice, assign, clear and release pages, else take). The other two are a length: the
-// second byte itself, or that beside one block of 64 KiB or three, by the third one modulo 4.
+// Input: calls of three bytes. The first says which queue (bit 3) and which call (bits 0 to 2: a
+// write in place, append, +=, splice, assign, clear and release pages, else take). The other two
+// are a length: the second byte itself, or that beside one block of 64 KiB or three, by the third
+// one modulo 4.
 
 #include "vindra/base/byte_queue.h"
 
@@ -43,10 +44,12 @@ public:
             if (text_.size() > waiting_max) return;
             arrivals_ += text_.empty() && length > 0;
             text_ += bytes;
-            if (what == 2)
-                queue_ += bytes;
-            else
+            if (what == 0)
+                write_in_place(bytes);
+            else if (what == 1)
                 queue_.append(bytes.data(), length);
+            else
+                queue_ += bytes;
             break;
         case 6:
             arrivals_ += length > 0;
@@ -89,6 +92,20 @@ private:
         out.resize(queue_.take(out.data(), length));
         require(out == text_.substr(0, length), "the front comes off in order");
         text_.erase(0, length);
+    }
+
+    // As a read does it that finds less than there is room for.
+    void write_in_place(std::string_view bytes) {
+        iovec pieces[16];
+        const int count = queue_.reserve(pieces, 16, bytes.size() + 100000);
+        std::size_t done = 0;
+        for (int i = 0; i < count; ++i) {
+            const std::size_t part = std::min(bytes.size() - done, pieces[i].iov_len);
+            bytes.copy(static_cast<char*>(pieces[i].iov_base), part, done);
+            done += part;
+        }
+        require(done == bytes.size(), "there is the room that was asked for");
+        queue_.commit(pieces, count, done);
     }
 
     // Moves the front to another queue, and from there out.

@@ -65,7 +65,7 @@ extern "C" int connect(int fd, const sockaddr* address, socklen_t length) {
 /// Can be told how many connections it visits in every turn. Hands blocks over, as its base does.
 class walking_server : public server<reverse_proxy> {
 public:
-    walking_server() : server(0, false) { sends_as(typeid(walking_server)); }
+    walking_server() : server(0, false) { moves_as(typeid(walking_server)); }
     void visit_all_up_to(int most) { plain_walk_max = most; }
 };
 

@@ -1,11 +1,14 @@
 #include "vindra/base/byte_queue.h"
+#include "vindra/base/private/block_store.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -77,6 +80,20 @@ std::string front(base::byte_queue& queue) {
     return {static_cast<const char*>(piece.iov_base), piece.iov_len};
 }
 
+// Has `bytes` put into room made for `most`, as a read would put them there.
+void write_in_place(base::byte_queue& queue, std::string_view bytes, std::size_t most) {
+    iovec pieces[20];
+    const int count = queue.reserve(pieces, 20, most);
+    std::string_view rest = bytes;
+    for (int i = 0; i < count && !rest.empty(); ++i) {
+        const std::size_t part = std::min(rest.size(), pieces[i].iov_len);
+        std::memcpy(pieces[i].iov_base, rest.data(), part);
+        rest.remove_prefix(part);
+    }
+    ASSERT_TRUE(rest.empty()) << "there is less room than was asked for";
+    queue.commit(pieces, count, bytes.size());
+}
+
 TEST(byte_queue, behaves_as_a_string_through_any_mix_of_calls) {
     std::mt19937 random(11);
     std::string model;
@@ -85,8 +102,13 @@ TEST(byte_queue, behaves_as_a_string_through_any_mix_of_calls) {
     base::byte_queue elsewhere;
     for (int step = 0; step < 20000; ++step) {
         const std::size_t length = random() % 3 == 0 ? random() % 200000 : random() % 300;
-        switch (random() % 8) {
-        case 0:
+        switch (random() % 9) {
+        case 0: {
+            const std::string text(length, static_cast<char>('A' + step % 26));
+            write_in_place(queue, text, length + random() % 100000);
+            model += text;
+            break;
+        }
         case 1:
         case 2: {
             std::string text(length, static_cast<char>('a' + step % 26));
@@ -163,6 +185,68 @@ TEST(byte_queue, moves_blocks_from_another_and_calls_no_listener) {
     EXPECT_TRUE(to == "xxxxx");
     EXPECT_EQ(from.size(), text.size() - 5);
     EXPECT_EQ(calls, 0);
+}
+
+TEST(byte_queue, makes_exactly_the_room_that_is_asked_for) {
+    for (const std::size_t waiting : {0U, 1U, 30000U, 65000U, 100000U}) {
+        for (const std::size_t most : {0U, 1U, 65536U, 300000U, 1048576U}) {
+            SCOPED_TRACE(waiting);
+            SCOPED_TRACE(most);
+            base::byte_queue queue;
+            queue += std::string(waiting, 'x');
+            iovec pieces[20];
+            const int count = queue.reserve(pieces, 20, most);
+            std::size_t room = 0;
+            for (int i = 0; i < count; ++i) room += pieces[i].iov_len;
+            EXPECT_EQ(room, most);
+            EXPECT_EQ(queue.size(), waiting) << "nothing has come yet";
+            queue.commit(pieces, count, 0);
+            EXPECT_TRUE(queue == std::string(waiting, 'x'));
+        }
+    }
+}
+
+TEST(byte_queue, makes_as_much_room_as_fits_in_the_pieces) {
+    base::byte_queue queue;
+    queue += "x";
+    iovec pieces[3];
+    EXPECT_EQ(queue.reserve(pieces, 0, 1000000), 0);
+    queue.commit(pieces, 0, 0);
+    ASSERT_EQ(queue.reserve(pieces, 3, 1000000), 3);
+    queue.commit(pieces, 3, 1);
+    EXPECT_EQ(queue.size(), 2U);
+}
+
+TEST(byte_queue, fills_the_last_block_before_it_takes_another) {
+    base::byte_queue queue;
+    queue += "x";
+    for (int i = 0; i < 1000; ++i) write_in_place(queue, "0123456789", 1048576);
+    iovec piece;
+    EXPECT_EQ(queue.gather(&piece, 1), 1);
+    EXPECT_EQ(piece.iov_len, 10001U);
+}
+
+TEST(byte_queue, returns_room_that_was_not_needed) {
+    const std::size_t before = base::block_store::shared().in_use();
+    base::byte_queue queue;
+    write_in_place(queue, std::string(100000, 'x'), 1048576);
+    EXPECT_EQ(base::block_store::shared().in_use(), before + 2);
+    write_in_place(queue, "", 1048576);
+    EXPECT_EQ(base::block_store::shared().in_use(), before + 2);
+    queue.clear();
+    EXPECT_EQ(base::block_store::shared().in_use(), before);
+}
+
+TEST(byte_queue, tells_its_listener_of_bytes_that_were_written_in_place) {
+    base::byte_queue queue;
+    int calls = 0;
+    queue.set_listener([](void* count) { ++*static_cast<int*>(count); }, &calls);
+    write_in_place(queue, "", 100);
+    EXPECT_EQ(calls, 0);
+    write_in_place(queue, "x", 100);
+    EXPECT_EQ(calls, 1);
+    write_in_place(queue, "y", 100);
+    EXPECT_EQ(calls, 1) << "some were waiting already";
 }
 
 TEST(byte_queue, block_boundaries_lose_and_repeat_nothing) {

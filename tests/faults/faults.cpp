@@ -127,6 +127,12 @@ bool is_socket(int fd) {
     return fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode);
 }
 
+std::size_t length_of(const msghdr& message) {
+    std::size_t length = 0;
+    for (std::size_t i = 0; i < message.msg_iovlen; ++i) length += message.msg_iov[i].iov_len;
+    return length;
+}
+
 } // namespace
 
 extern "C" {
@@ -148,13 +154,20 @@ ssize_t send(int fd, const void* buffer, size_t length, int flags) {
                        [=](std::size_t part) { return call(fd, buffer, part, flags); });
 }
 
+// Counts as a recv(): which of the two the library calls depends on how much came before.
+ssize_t recvmsg(int fd, msghdr* message, int flags) {
+    static auto* const call = next_call<decltype(recvmsg)>("recvmsg");
+    return transferred(on_recv, fd, length_of(*message), [=](std::size_t part) {
+        shortened_message shortened(*message, part);
+        return call(fd, shortened.get(), flags);
+    });
+}
+
 // Counts as a send(): which of the two the library calls depends on how much waits.
 ssize_t sendmsg(int fd, const msghdr* message, int flags) {
     static auto* const call = next_call<decltype(sendmsg)>("sendmsg");
-    std::size_t length = 0;
-    for (std::size_t i = 0; i < message->msg_iovlen; ++i) length += message->msg_iov[i].iov_len;
-    return transferred(on_send, fd, length, [=](std::size_t part) {
-        const shortened_message shortened(*message, part);
+    return transferred(on_send, fd, length_of(*message), [=](std::size_t part) {
+        shortened_message shortened(*message, part);
         return call(fd, shortened.get(), flags);
     });
 }

@@ -19,6 +19,8 @@ int news_error = 0;
 int accept_error = 0;
 int recv_error_once = 0;
 int recv_calls = 0;
+int recvmsg_calls = 0;
+int recvmsg_limit = 0;
 int poll_calls = 0;
 int sendmsg_calls = 0;
 int send_limit = 0;
@@ -62,6 +64,14 @@ extern "C" ssize_t recv(int fd, void* buffer, size_t length, int flags) {
     return call(fd, buffer, length, flags);
 }
 
+extern "C" ssize_t recvmsg(int fd, msghdr* message, int flags) {
+    static auto* const call = next_call<decltype(recvmsg)>("recvmsg");
+    ++interposed::recvmsg_calls;
+    if (fails_with(std::exchange(interposed::recv_error_once, 0))) return -1;
+    shortened_message shortened(*message, static_cast<std::size_t>(interposed::recvmsg_limit));
+    return call(fd, interposed::recvmsg_limit > 0 ? shortened.get() : message, flags);
+}
+
 extern "C" ssize_t send(int fd, const void* buffer, size_t length, int flags) {
     static auto* const call = next_call<decltype(send)>("send");
     if (fails_with(std::exchange(interposed::send_error_once, 0))) return -1;
@@ -75,6 +85,6 @@ extern "C" ssize_t sendmsg(int fd, const msghdr* message, int flags) {
     static auto* const call = next_call<decltype(sendmsg)>("sendmsg");
     ++interposed::sendmsg_calls;
     if (fails_with(std::exchange(interposed::send_error_once, 0))) return -1;
-    const shortened_message shortened(*message, static_cast<std::size_t>(interposed::send_limit));
+    shortened_message shortened(*message, static_cast<std::size_t>(interposed::send_limit));
     return call(fd, interposed::send_limit > 0 ? shortened.get() : message, flags);
 }

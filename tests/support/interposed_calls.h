@@ -14,11 +14,15 @@ extern int news_error;
 /// errno that the next accept4() fails with; 0 lets it through. The client stays waiting.
 extern int accept_error;
 
-/// errno that the next recv() on any descriptor fails with, once; 0 lets it through.
+/// errno that the next recv() or recvmsg() on any descriptor fails with, once; 0 lets it through.
 extern int recv_error_once;
 
-/// How often recv() was called.
+/// How often each was called.
 extern int recv_calls;
+extern int recvmsg_calls;
+
+/// Most bytes that one recvmsg() may bring; 0 for no limit.
+extern int recvmsg_limit;
 
 /// How often poll() was called.
 extern int poll_calls;

@@ -7,7 +7,7 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
-/// A copy of a message of sendmsg() that stops after its first `most` bytes.
+/// A copy of a message of sendmsg() or recvmsg() that stops after its first `most` bytes.
 class shortened_message {
 public:
     shortened_message(const msghdr& whole, std::size_t most)
@@ -21,7 +21,7 @@ public:
     shortened_message(const shortened_message&) = delete;
     shortened_message& operator=(const shortened_message&) = delete;
 
-    const msghdr* get() const { return &message_; }
+    msghdr* get() { return &message_; }
 
 private:
     msghdr message_;

@@ -1,4 +1,5 @@
-// Large outputs of a relay over TLS: one call of the library's a block, none of them copied.
+// Blocks of a relay over TLS. Large outputs leave by one call of the library's a block, none of
+// them copied.
 
 #include "vindra/core/sockets.h"
 #include "vindra/proxy/http_proxy.h"
@@ -73,6 +74,20 @@ TEST_F(ssl_blocks_test, leave_by_one_call_each) {
     EXPECT_EQ(receive_all(), sent);
     EXPECT_EQ(writes(), 3);
     EXPECT_EQ(std::count(conn_->send_buffer, conn_->send_buffer + 150000, '\0'), 150000);
+}
+
+TEST_F(ssl_blocks_test, are_not_read_into_past_the_library) {
+    const auto reads = [] {
+        return std::count(fake_openssl::calls.begin(), fake_openssl::calls.end(), "SSL_read");
+    };
+    turn();
+    far_.send(std::string(20000, 'x'));
+    turn();
+    const auto before = reads();
+    far_.send(std::string(20000, 'y'));
+    turn();
+    EXPECT_EQ(reads(), before + 2);
+    EXPECT_EQ(pipe_->to_client.size(), 40000U);
 }
 
 TEST_F(ssl_blocks_test, stay_when_the_library_cannot_write_yet) {

@@ -39,6 +39,12 @@ std::size_t offset_of(const char* memory) {
     return number * offset_step % offsets * cache_line;
 }
 
+// The memory that a place in it belongs to.
+char* memory_of(void* place) {
+    const auto address = reinterpret_cast<std::uintptr_t>(place);
+    return static_cast<char*>(place) - address % block_store::block_bytes;
+}
+
 } // namespace
 
 byte_queue::~byte_queue() {
@@ -133,6 +139,47 @@ void byte_queue::drop(std::size_t length) {
     }
 }
 
+int byte_queue::reserve(iovec* pieces, int count, std::size_t most) {
+    int described = 0;
+    const auto describe = [&](char* begin, std::size_t capacity) {
+        const std::size_t length = std::min(capacity, most);
+        pieces[described++] = {begin, length};
+        most -= length;
+    };
+    if (last_ != nullptr && last_->end < last_->capacity && count > 0)
+        describe(last_->bytes() + last_->end, last_->capacity - last_->end);
+    while (most > 0 && described < count) {
+        char* const memory = block_store::shared().take(block_store::block_bytes);
+        describe(memory + offset_of(memory) + sizeof(block), capacity_in_(memory));
+    }
+    return described;
+}
+
+// Unused blocks go back last first, so that the warmest one is used next.
+void byte_queue::commit(const iovec* pieces, int count, std::size_t length) {
+    const bool arrival = size_ == 0 && length > 0;
+    size_ += length;
+    const iovec* piece = pieces;
+    const iovec* const end = pieces + count;
+    if (last_ != nullptr && piece != end && piece->iov_base == last_->bytes() + last_->end)
+        length -= fill_last_(*piece++, length);
+    for (; length > 0; ++piece) {
+        assert(piece != end);
+        add_block_at_(memory_of(piece->iov_base));
+        length -= fill_last_(*piece, length);
+    }
+    for (const iovec* unused = end; unused != piece;)
+        block_store::shared().put_back(memory_of((--unused)->iov_base));
+    if (arrival) announce();
+}
+
+std::size_t byte_queue::fill_last_(const iovec& piece, std::size_t length) {
+    const std::size_t filled = std::min(length, piece.iov_len);
+    last_->end += static_cast<std::uint32_t>(filled);
+    assert(last_->end <= last_->capacity);
+    return filled;
+}
+
 byte_queue::operator std::string() const {
     std::string text;
     text.reserve(size_);
@@ -153,10 +200,17 @@ bool byte_queue::equals_(std::string_view text) const {
 }
 
 void byte_queue::add_block_(std::size_t length) {
-    char* const memory = block_store::shared().take(length);
-    const std::size_t offset = offset_of(memory);
-    const std::size_t capacity = block_store::block_bytes - offset - sizeof(block);
-    link_last_(*new (memory + offset) block{nullptr, 0, 0, static_cast<std::uint32_t>(capacity)});
+    add_block_at_(block_store::shared().take(length));
+}
+
+void byte_queue::add_block_at_(char* memory) {
+    const std::size_t capacity = capacity_in_(memory);
+    link_last_(*new (memory + offset_of(memory))
+                   block{nullptr, 0, 0, static_cast<std::uint32_t>(capacity)});
+}
+
+std::size_t byte_queue::capacity_in_(const char* memory) {
+    return block_store::block_bytes - offset_of(memory) - sizeof(block);
 }
 
 void byte_queue::link_last_(block& added) {
@@ -173,9 +227,7 @@ byte_queue::block& byte_queue::unlink_first_() {
 }
 
 void byte_queue::drop_first_() {
-    char* const dropped = reinterpret_cast<char*>(&unlink_first_());
-    const auto address = reinterpret_cast<std::uintptr_t>(dropped);
-    block_store::shared().put_back(dropped - address % block_store::block_bytes);
+    block_store::shared().put_back(memory_of(&unlink_first_()));
 }
 
 } // namespace base

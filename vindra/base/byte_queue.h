@@ -52,6 +52,15 @@ public:
     /// Drops `length` bytes from the front; at least as many wait.
     void drop(std::size_t length);
 
+    /// Makes room for `most` bytes behind those that wait, or for as many as fit in `count` pieces.
+    /// Describes it in `pieces` and returns how many there are. The room is there until commit(),
+    /// which has to be the next call.
+    int reserve(iovec* pieces, int count, std::size_t most);
+
+    /// The first `length` bytes of the room that reserve() described have been written: they wait
+    /// now. `pieces` and `count` are as reserve() left them. Calls the listener as append() does.
+    void commit(const iovec* pieces, int count, std::size_t length);
+
     /// Returns memory to the kernel: the pages of blocks that no queue has needed since the last
     /// call, except a few mebibytes. A server calls this once a second.
     static void release_pages();
@@ -84,6 +93,11 @@ private:
     void copy_in_(const char* bytes, std::size_t length);
     // Links an empty block, for up to `length` bytes, behind the last one.
     void add_block_(std::size_t length);
+    void add_block_at_(char* memory);
+    // Bytes that a block in that memory has room for.
+    static std::size_t capacity_in_(const char* memory);
+    // Counts up to `length` bytes of that piece to the last block. Returns how many.
+    std::size_t fill_last_(const iovec& piece, std::size_t length);
     void link_last_(block& added);
     // Unlinks the first block and returns it; returns it to the store.
     block& unlink_first_();

@@ -107,7 +107,7 @@ protected:
     template <typename Own, typename Test>
     void quiet_when(Test /*is_quiet*/) {
         seat_.promised_by = &class_of<Own>();
-        seat_.source = nullptr;
+        seat_.moves = nullptr;
         seat_.is_quiet = [](const connection& conn) {
             return Test{}(static_cast<const Own&>(conn));
         };

@@ -29,8 +29,16 @@ struct seat {
     /// Tells whether a connection has nothing to hand over.
     using quiet_test = bool (*)(const connection&);
 
-    /// Gives the queue whose blocks a connection hands over.
-    using queue_of = base::byte_queue* (*)(connection&);
+    /// What a class of the library's own tells of its queues, so that a server can move bytes in
+    /// whole blocks, past the class's hooks and past buffers.
+    struct queues {
+        /// The queue from which on_send() takes; null while on_send() does anything else.
+        base::byte_queue* (*source)(connection&);
+        /// The queue to which on_recv() appends; null while on_recv() does anything else.
+        base::byte_queue* (*target)(connection&);
+        /// What on_recv() does besides: `length` bytes have been appended.
+        void (*arrived)(connection&, int length);
+    };
 
     /// The seat of a connection.
     static seat& of(connection& conn);
@@ -67,9 +75,8 @@ struct seat {
     /// gave. Derived classes have not made its promise.
     const std::type_info* promised_by = nullptr;
     quiet_test is_quiet = nullptr;
-    /// For a class of the library's own whose on_send() does nothing but take from a queue: gives
-    /// that queue, or null while on_send() does something else. Holds as the promise does.
-    queue_of source = nullptr;
+    /// Null for all but a few classes of the library's own. Holds as the promise does.
+    const queues* moves = nullptr;
     /// Blocks of that queue that are on their way out, instead of bytes in `send_buffer`: as many
     /// bytes as `send_length`. Null when there are none.
     std::unique_ptr<base::byte_queue> outgoing;
@@ -81,6 +88,8 @@ struct seat {
     int buffer_used = 0;
     /// The roster visits the connection in every turn.
     bool awake = false;
+    /// The last read brought much, so the next one may.
+    bool reads_much = false;
     /// A first pass has visited the connection since it was enrolled.
     bool serviced = false;
 };

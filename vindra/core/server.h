@@ -27,5 +27,5 @@ public:
     connection* create_connection(int /*peer_address*/) override { return new T; }
 
 private:
-    const bool sends_as_this_ = sends_as(class_of<server>());
+    const bool moves_as_this_ = moves_as(class_of<server>());
 };

@@ -16,7 +16,6 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/uio.h>
 
 server_base::server_base(int listen_port, bool only_localhost)
     : port(listen_port), localhost_only(only_localhost),
@@ -249,12 +248,31 @@ void server_base::read_(connection& conn, char* receive_buffer, std::time_t now)
     int count = 0;
     {
         const sockets::registry::reading reads(conn.fd);
-        while ((count = recv(&conn, receive_buffer, receive_buffer_size)) > 0) {
-            conn.on_recv(receive_buffer, count);
-            conn.last_active = now;
-        }
+        while ((count = receive_(conn, receive_buffer)) > 0) conn.last_active = now;
     }
     if (count == 0) remove_visited_();
+}
+
+// Behind a large read, the next one goes straight to where on_recv() would copy it. For a small
+// one, making room there costs more than the copy.
+int server_base::receive_(connection& conn, char* buffer) {
+    constexpr int much = 16384;
+    seat& s = seat::of(conn);
+    // A session cannot write into more than one piece.
+    const bool direct = s.reads_much && conn.ssl == nullptr;
+    const seat::queues* const queues = direct ? queues_of_(conn) : nullptr;
+    base::byte_queue* const target = queues != nullptr ? queues->target(conn) : nullptr;
+    const int count = target != nullptr ? receive_blocks_(conn, *target)
+                                        : recv(&conn, buffer, receive_buffer_size);
+    if (count <= 0) return count;
+
+    s.reads_much = count >= much;
+    if (target != nullptr) {
+        queues->arrived(conn, count);
+    } else {
+        conn.on_recv(buffer, count);
+    }
+    return count;
 }
 
 void server_base::write_(connection& conn, std::time_t now) {
@@ -268,59 +286,6 @@ void server_base::write_(connection& conn, std::time_t now) {
     if (conn.send_length == 0) seat::of(conn).outgoing.reset();
     conn.last_active = now;
     if (!conn.more && conn.send_length == 0) remove_visited_();
-}
-
-bool server_base::hands_over_() const {
-    return sender_ != nullptr && typeid(*this) == *sender_;
-}
-
-int server_base::send_waiting_(connection& conn) {
-    seat& s = seat::of(conn);
-    if (!s.outgoing) return send(&conn, conn.send_buffer + conn.send_offset, conn.send_length);
-
-    // Somebody has set the field, or the connection has come from another server.
-    const bool as_taken = s.outgoing->size() == static_cast<std::size_t>(conn.send_length);
-    if (as_taken && hands_over_()) return send_blocks_(conn, *s.outgoing);
-    s.copy_outgoing(conn);
-    return send(&conn, conn.send_buffer + conn.send_offset, conn.send_length);
-}
-
-// With a session, or for another reason than a plain socket, block by block through the hook.
-int server_base::send_blocks_(connection& conn, base::byte_queue& blocks) {
-    constexpr int pieces_max = connection::send_buffer_size / 65536 + 4;
-    iovec pieces[pieces_max];
-    int count = 0;
-    if (conn.ssl != nullptr) {
-        blocks.gather(pieces, 1);
-        count = send(&conn, static_cast<char*>(pieces[0].iov_base),
-                     static_cast<int>(pieces[0].iov_len));
-    } else {
-        msghdr message{};
-        message.msg_iov = pieces;
-        message.msg_iovlen = static_cast<std::size_t>(blocks.gather(pieces, pieces_max));
-        count = static_cast<int>(::sendmsg(conn.fd, &message, 0));
-        if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) sockets::filled(conn.fd);
-    }
-    if (count > 0) blocks.drop(static_cast<std::size_t>(count));
-    return count;
-}
-
-// Blocks that are on their way out belong to the connection, as bytes in its buffer do: a queue
-// that is replaced meanwhile loses the same. Below a few pages copying is cheaper.
-bool server_base::take_blocks_(connection& conn) {
-    constexpr std::size_t handed_over_min = 4096;
-    seat& s = seat::of(conn);
-    s.outgoing.reset();
-    if (!s.has_promise() || s.source == nullptr || !hands_over_()) return false;
-    base::byte_queue* const source = s.source(conn);
-    if (source == nullptr || source->size() < handed_over_min) return false;
-
-    s.outgoing = std::make_unique<base::byte_queue>();
-    s.outgoing->splice(*source, connection::send_buffer_size);
-    int none = 0;
-    conn.more = conn.on_send(conn.send_buffer, 0, &none);
-    conn.send_length = static_cast<int>(s.outgoing->size());
-    return true;
 }
 
 void server_base::ask_(connection& conn, std::time_t now) {

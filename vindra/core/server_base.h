@@ -114,10 +114,11 @@ protected:
     /// once a second. A test sets it to compare the two.
     int plain_walk_max = 32;
 
-    /// For constructors. `own` is a class of the library whose send() is used as it is: a server of
-    /// exactly that class may hand large outputs over without copying them. Returns true.
-    bool sends_as(const std::type_info& own) {
-        sender_ = &own;
+    /// For constructors. `own` is a class of the library whose recv() and send() are used as they
+    /// are: a server of exactly that class may move large inputs and outputs of the library's
+    /// relays without copying them. Returns true.
+    bool moves_as(const std::type_info& own) {
+        mover_ = &own;
         return true;
     }
 
@@ -136,11 +137,15 @@ private:
     /// A connection's part of the first pass.
     void service_(connection& conn, char* receive_buffer, std::time_t now);
     void read_(connection& conn, char* receive_buffer, std::time_t now);
+    /// One read, and what the connection makes of it.
+    int receive_(connection& conn, char* buffer);
+    /// As recv(), to the end of that queue.
+    int receive_blocks_(connection& conn, base::byte_queue& target);
     void write_(connection& conn, std::time_t now);
     /// A connection's part of the send pass.
     void ask_(connection& conn, std::time_t now);
-    /// True if send() is the library's own.
-    bool hands_over_() const;
+    /// The queues that bytes of `conn` may be moved to and from directly; null if there are none.
+    const seat::queues* queues_of_(const connection& conn) const;
     /// True if blocks of a queue were taken in place of on_send()'s bytes.
     bool take_blocks_(connection& conn);
     /// As send() for what waits, wherever it is.
@@ -154,8 +159,8 @@ private:
 
     /// Whom a turn visits. With at most `plain_walk_max` connections everyone is awake.
     std::unique_ptr<roster> roster_;
-    /// The class that has called sends_as() last.
-    const std::type_info* sender_ = nullptr;
+    /// The class that has called moves_as() last.
+    const std::type_info* mover_ = nullptr;
     /// The connection in hand; null outside a visit and once it is removed.
     connection* visited_ = nullptr;
     /// registry::marks() as far as they have been acted on.

@@ -338,6 +338,7 @@ protected:
 
 private:
     friend class late_answer;
+    friend class http_proxy;
 
     /// Default of `max_request_length`: 100 MiB.
     static constexpr int default_max_request_length_ = 104857600;
@@ -363,6 +364,11 @@ private:
 
     /// True, with a warning, if the request has passed `max_request_length`.
     bool refuses_more_() const;
+    bool is_too_long_() const { return max_request_length > 0 && received > max_request_length; }
+    /// True if the next block is only counted and given to on_data().
+    bool reads_body_() const;
+    /// on_recv() without the call of on_data(), for a block of which that is true.
+    void count_body_(int length);
     /// Moves bytes of the head from the block to `headers` and returns how many. Sets
     /// `headers_done` when the head is complete.
     int take_head_(const char* bytes, int length);

@@ -72,9 +72,19 @@ void http_connection::on_recv(char* bytes, int length) {
 
 // Counts what came before this block, so the block that crosses the limit is still processed.
 bool http_connection::refuses_more_() const {
-    if (max_request_length <= 0 || received <= max_request_length) return false;
+    if (!is_too_long_()) return false;
     base::printf("Warning! Request exceeds max length of %d.\n", max_request_length);
     return true;
+}
+
+bool http_connection::reads_body_() const {
+    return headers_done && strict_stage_ == stage_::off && !is_too_long_();
+}
+
+void http_connection::count_body_(int length) {
+    received = wrapping_sum(received, length);
+    body_received = wrapping_sum(body_received, length);
+    finish_request_();
 }
 
 int http_connection::take_head_(const char* bytes, int length) {

@@ -24,18 +24,27 @@ constexpr int seconds_to_read_refusal = 10;
 http_proxy::http_proxy() {
     websockets = false;
     quiet_when<http_proxy>([](const http_proxy& conn) { return conn.is_quiet(); });
-    hand_over_blocks_();
+    move_blocks_();
 }
 
 http_proxy::~http_proxy() = default;
 
-// Only where on_send() would take from the pipe and do nothing else.
-void http_proxy::hand_over_blocks_() {
-    seat::of(*this).source = [](connection& conn) {
-        auto& self = static_cast<http_proxy&>(conn);
-        const bool only_relays = !self.refuses() && (!self.answer_reader_ || self.upgraded);
-        return only_relays ? &self.pipe->to_client : nullptr;
+// Only where on_send() would take from the pipe, and on_recv() fill it, and do little else.
+void http_proxy::move_blocks_() {
+    static constexpr seat::queues moves = {
+        .source = [](connection& conn) -> base::byte_queue* {
+            auto& self = static_cast<http_proxy&>(conn);
+            const bool only_relays = !self.refuses() && (!self.answer_reader_ || self.upgraded);
+            return only_relays ? &self.pipe->to_client : nullptr;
+        },
+        .target = [](connection& conn) -> base::byte_queue* {
+            auto& self = static_cast<http_proxy&>(conn);
+            return self.reads_body_() ? &self.pipe->to_backend : nullptr;
+        },
+        .arrived = [](connection& conn,
+                      int length) { static_cast<http_proxy&>(conn).count_body_(length); },
     };
+    seat::of(*this).moves = &moves;
 }
 
 server_base*& http_proxy::g_server() {

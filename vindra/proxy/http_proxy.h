@@ -145,8 +145,8 @@ protected:
 private:
     friend class reverse_proxy;
 
-    /// Lets a server write what the backend sends without copying it.
-    void hand_over_blocks_();
+    /// Lets a server move bodies and answers without copying them.
+    void move_blocks_();
 
     /// False if relay_strictly() forbids to pass on the current request.
     bool begin_relaying_();

@@ -14,7 +14,7 @@ public:
     connection* create_connection(int peer_address) override;
 
 private:
-    const bool sends_as_this_ = this->sends_as(class_of<redirect_server>());
+    const bool moves_as_this_ = this->moves_as(class_of<redirect_server>());
 };
 
 template <typename T>

@@ -6,7 +6,7 @@
 
 reverse_proxy::reverse_proxy() {
     quiet_when<reverse_proxy>([](const reverse_proxy& conn) { return conn.is_quiet(); });
-    hand_over_blocks_();
+    move_blocks_();
 }
 
 base::hashmap<int>& reverse_proxy::hosts() {

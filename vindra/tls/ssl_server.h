@@ -93,7 +93,7 @@ ssl_server<T>::ssl_server(int listen_port, bool only_localhost, const std::strin
     // The first call, because a library before 1.1 lacks this function: it throws here.
     openssl::OpenSSL_version_num();
     initialised = true;
-    this->sends_as(class_of<ssl_server>());
+    this->moves_as(class_of<ssl_server>());
     openssl::OPENSSL_init_ssl(0, nullptr);
     ctx = openssl::SSL_CTX_new(openssl::TLS_server_method());
     if (ctx == nullptr) return;

@@ -1,58 +1,23 @@
 // Large outputs leave a relay as the blocks of its queue, without a copy in the send buffer.
 // Whoever could tell the difference is served from the buffer, as all others are.
 
-#include "vindra/base/private/block_store.h"
 #include "vindra/core/server.h"
 #include "vindra/core/sockets.h"
 #include "vindra/proxy/http_proxy.h"
 #include "vindra/proxy/proxy_connection.h"
 
+#include "tests/proxy/relay_stage.h"
 #include "tests/support/captured_output.h"
-#include "tests/support/far_end.h"
 #include "tests/support/interposed_calls.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <ctime>
-#include <memory>
 #include <random>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
 namespace {
-
-constexpr std::size_t mib = 1048576;
-
-std::string pattern(std::size_t length, unsigned seed = 1) {
-    std::mt19937 random(seed);
-    std::string bytes(length, ' ');
-    for (char& byte : bytes) byte = static_cast<char>(random());
-    return bytes;
-}
-
-std::size_t blocks_in_use() {
-    return base::block_store::shared().in_use();
-}
-
-// A server whose own send() sees what it is given.
-class watching_server : public server<http_proxy> {
-public:
-    using server::server;
-
-    int send(connection* conn, char* buffer, int length) override {
-        const char* const begin = conn->send_buffer;
-        outside =
-            outside || buffer < begin || buffer + length > begin + connection::send_buffer_size;
-        lengths.push_back(length);
-        return server::send(conn, buffer, length);
-    }
-
-    std::vector<int> lengths;
-    bool outside = false;
-};
 
 // Changes what its base gives.
 class shouting_proxy : public proxy_connection {
@@ -66,52 +31,10 @@ public:
     }
 };
 
-// One backend connection that the test writes to, its pipe and the far end of its socket.
-template <typename Server, typename Connection = proxy_connection>
-class stage {
-public:
-    stage() {
-        int ends[2];
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
-        far = far_end(ends[1]);
-        conn = new Connection(ends[0], pipe);
-        home->connections.add(conn);
-        sockets::all()->set(ends[0]);
-        home->last_report = std::time(nullptr) + 3600;
-    }
-    stage(const stage&) = delete;
-    stage& operator=(const stage&) = delete;
-    ~stage() {
-        home.reset();
-        if (--pipe->refs == 0) delete pipe;
-    }
-
-    void turn() const {
-        sockets::select_all();
-        home->update();
-    }
-
-    /// Turns until all that waits has arrived.
-    std::string receive_all() {
-        std::string got;
-        for (int turns = 0; turns < 5000; ++turns) {
-            got += far.receive();
-            if (conn->send_length == 0 && pipe->to_backend.empty()) break;
-            turn();
-        }
-        return got + far.receive();
-    }
-
-    proxy_pipe* pipe = new proxy_pipe;
-    std::unique_ptr<Server> home = std::make_unique<Server>(0, false);
-    Connection* conn = nullptr;
-    far_end far;
-};
-
-class blocks_test : public testing::Test {
+class blocks_out : public testing::Test {
 protected:
-    blocks_test() { interposed::sendmsg_calls = 0; }
-    ~blocks_test() override {
+    blocks_out() { interposed::sendmsg_calls = 0; }
+    ~blocks_out() override {
         interposed::send_limit = 0;
         EXPECT_EQ(blocks_in_use(), 0U) << "a block was lost";
     }
@@ -119,7 +42,7 @@ protected:
     captured_output out_;
 };
 
-TEST_F(blocks_test, carry_large_outputs_without_touching_the_send_buffer) {
+TEST_F(blocks_out, carry_large_outputs_without_touching_the_send_buffer) {
     stage<server<http_proxy>> s;
     const std::string sent = pattern(3 * mib);
     s.pipe->to_backend += sent;
@@ -130,7 +53,7 @@ TEST_F(blocks_test, carry_large_outputs_without_touching_the_send_buffer) {
     EXPECT_EQ(seat::of(*s.conn).buffer_used, 0) << "it would be wiped";
 }
 
-TEST_F(blocks_test, are_not_handed_over_for_less_than_a_page) {
+TEST_F(blocks_out, are_not_handed_over_for_less_than_a_page) {
     stage<server<http_proxy>> s;
     s.pipe->to_backend += std::string(4095, 'x');
     EXPECT_EQ(s.receive_all().size(), 4095U);
@@ -140,7 +63,7 @@ TEST_F(blocks_test, are_not_handed_over_for_less_than_a_page) {
     EXPECT_GT(interposed::sendmsg_calls, 0);
 }
 
-TEST_F(blocks_test, are_taken_a_mebibyte_at_a_time) {
+TEST_F(blocks_out, are_taken_a_mebibyte_at_a_time) {
     stage<server<http_proxy>> s;
     s.pipe->to_backend += pattern(2 * mib + 5);
     s.turn();
@@ -154,7 +77,7 @@ TEST_F(blocks_test, are_taken_a_mebibyte_at_a_time) {
     s.receive_all();
 }
 
-TEST_F(blocks_test, arrive_whole_wherever_a_write_stops) {
+TEST_F(blocks_out, arrive_whole_wherever_a_write_stops) {
     // In the middle of a block, at ends of blocks, behind the last one, and byte by byte.
     for (const int limit : {1, 777, 60000, 65536, 131072, 1048576}) {
         SCOPED_TRACE(limit);
@@ -166,7 +89,7 @@ TEST_F(blocks_test, arrive_whole_wherever_a_write_stops) {
     }
 }
 
-TEST_F(blocks_test, stay_when_a_write_is_interrupted) {
+TEST_F(blocks_out, stay_when_a_write_is_interrupted) {
     stage<server<http_proxy>> s;
     const std::string sent = pattern(100000);
     s.pipe->to_backend += sent;
@@ -177,7 +100,7 @@ TEST_F(blocks_test, stay_when_a_write_is_interrupted) {
     EXPECT_TRUE(s.receive_all() == sent);
 }
 
-TEST_F(blocks_test, are_dropped_with_the_connection_that_holds_them) {
+TEST_F(blocks_out, are_dropped_with_the_connection_that_holds_them) {
     stage<server<http_proxy>> s;
     s.pipe->to_backend += pattern(mib);
     s.turn();
@@ -189,7 +112,7 @@ TEST_F(blocks_test, are_dropped_with_the_connection_that_holds_them) {
     EXPECT_EQ(blocks_in_use(), 0U);
 }
 
-TEST_F(blocks_test, are_dropped_with_a_connection_that_times_out) {
+TEST_F(blocks_out, are_dropped_with_a_connection_that_times_out) {
     stage<server<http_proxy>> s;
     s.pipe->to_backend += pattern(mib);
     s.turn();
@@ -200,7 +123,7 @@ TEST_F(blocks_test, are_dropped_with_a_connection_that_times_out) {
     EXPECT_EQ(blocks_in_use(), 0U);
 }
 
-TEST_F(blocks_test, are_the_connections_own_when_the_queue_is_replaced) {
+TEST_F(blocks_out, are_the_connections_own_when_the_queue_is_replaced) {
     stage<server<http_proxy>> s;
     const std::string sent = pattern(100000);
     s.pipe->to_backend += sent;
@@ -209,7 +132,7 @@ TEST_F(blocks_test, are_the_connections_own_when_the_queue_is_replaced) {
     EXPECT_TRUE(s.receive_all() == sent + "in its place");
 }
 
-TEST_F(blocks_test, are_dropped_by_whoever_says_that_nothing_waits) {
+TEST_F(blocks_out, are_dropped_by_whoever_says_that_nothing_waits) {
     stage<server<http_proxy>> s;
     s.pipe->to_backend += pattern(100000);
     s.turn();
@@ -219,7 +142,7 @@ TEST_F(blocks_test, are_dropped_by_whoever_says_that_nothing_waits) {
     EXPECT_EQ(s.receive_all(), "next");
 }
 
-TEST_F(blocks_test, are_cut_by_whoever_says_that_fewer_bytes_wait) {
+TEST_F(blocks_out, are_cut_by_whoever_says_that_fewer_bytes_wait) {
     stage<server<http_proxy>> s;
     const std::string sent = pattern(100000);
     s.pipe->to_backend += sent;
@@ -228,7 +151,7 @@ TEST_F(blocks_test, are_cut_by_whoever_says_that_fewer_bytes_wait) {
     EXPECT_TRUE(s.receive_all() == sent.substr(0, 500));
 }
 
-TEST_F(blocks_test, are_not_shown_to_a_send_that_is_overridden) {
+TEST_F(blocks_out, are_not_shown_to_a_send_that_is_overridden) {
     stage<watching_server> s;
     const std::string sent = pattern(3 * mib);
     s.pipe->to_backend += sent;
@@ -241,7 +164,7 @@ TEST_F(blocks_test, are_not_shown_to_a_send_that_is_overridden) {
     EXPECT_EQ(interposed::sendmsg_calls, 0);
 }
 
-TEST_F(blocks_test, become_bytes_of_the_buffer_on_another_server) {
+TEST_F(blocks_out, become_bytes_of_the_buffer_on_another_server) {
     stage<server<http_proxy>> s;
     const std::string sent = pattern(mib);
     s.pipe->to_backend += sent;
@@ -265,14 +188,14 @@ TEST_F(blocks_test, become_bytes_of_the_buffer_on_another_server) {
     EXPECT_FALSE(other.outside);
 }
 
-TEST_F(blocks_test, are_not_taken_from_behind_a_class_that_changes_its_buffer) {
+TEST_F(blocks_out, are_not_taken_from_behind_a_class_that_changes_its_buffer) {
     stage<server<http_proxy>, shouting_proxy> s;
     s.pipe->to_backend += pattern(200000);
     EXPECT_EQ(s.receive_all(), std::string(200000, '!'));
     EXPECT_EQ(interposed::sendmsg_calls, 0);
 }
 
-TEST_F(blocks_test, leave_fields_and_bytes_as_a_copy_would_in_any_mix_of_events) {
+TEST_F(blocks_out, leave_fields_and_bytes_as_a_copy_would_in_any_mix_of_events) {
     for (unsigned seed = 0; seed < 8; ++seed) {
         SCOPED_TRACE(seed);
         std::mt19937 random(seed);
