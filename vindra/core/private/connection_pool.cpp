@@ -4,6 +4,7 @@
 #include <cassert>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <vector>
 
@@ -59,18 +60,19 @@ void release(char* begin, char* end) {
     if (begin < end) madvise(begin, static_cast<std::size_t>(end - begin), MADV_DONTNEED);
 }
 
+// Small, as an idle connection's memory is counted in bytes.
 struct slot_state {
     bool in_use = false;
-    /// Nothing was ever written to this part of the object.
-    char* untouched = nullptr;
-    char* untouched_end = nullptr;
+    /// Nothing was ever written to this part of the object: offsets in the slot.
+    std::uint32_t untouched = 0;
+    std::uint32_t untouched_end = 0;
 };
 
 // A stretch of mapped memory that is cut into slots from the front.
 struct region {
     char* begin;
     std::size_t slots_cut = 0;
-    slot_state slots[slots_per_region] = {};
+    std::unique_ptr<slot_state[]> slots = std::make_unique<slot_state[]>(slots_per_region);
 };
 
 // All slots of one size.
@@ -86,14 +88,14 @@ public:
         assert(reinterpret_cast<std::uintptr_t>(slot) % cache_line == 0);
         slot_state& state = *find(slot);
         assert(!state.in_use);
-        state = {true, slot, slot};
+        state = {.in_use = true};
         return slot;
     }
 
     void put_back(char* slot, std::size_t size) {
         slot_state& state = *find(slot);
         assert(state.in_use);
-        wipe(slot, size, state.untouched, state.untouched_end);
+        wipe(slot, size, slot + state.untouched, slot + state.untouched_end);
         state.in_use = false;
         if (free_.size() >= warm_slots_max) release_all_pages(slot);
         free_.push_back(slot);
@@ -105,6 +107,17 @@ public:
         if (r == nullptr) return nullptr;
         const std::size_t index = index_in(*r, address);
         return index < r->slots_cut ? &r->slots[index] : nullptr;
+    }
+
+    // False if `begin` is in no slot of this class.
+    bool note_untouched(const char* begin, const char* end) {
+        slot_state* const state = find(begin);
+        if (state == nullptr) return false;
+        const region& r = *region_of(begin);
+        const char* const slot = r.begin + index_in(r, begin) * stride_;
+        state->untouched = static_cast<std::uint32_t>(begin - slot);
+        state->untouched_end = static_cast<std::uint32_t>(end - slot);
+        return true;
     }
 
 private:
@@ -222,13 +235,8 @@ void deallocate(void* storage, std::size_t size) {
 }
 
 void note_untouched(char* begin, char* end) {
-    for (slot_class& c : classes()) {
-        slot_state* const state = c.find(begin);
-        if (state == nullptr) continue;
-        state->untouched = begin;
-        state->untouched_end = end;
-        return;
-    }
+    for (slot_class& c : classes())
+        if (c.note_untouched(begin, end)) return;
 }
 
 void release_pages(char* begin, char* used_end, char* end) {
