@@ -91,8 +91,8 @@ void two_ends(source& in, world& w) {
             w.turn();
         }
     }
-    for (int i = 0;
-         i < 10000 && (at_backend.size() < to_backend.size() || at_client.size() < to_client.size());
+    for (int i = 0; i < 10000 &&
+                    (at_backend.size() < to_backend.size() || at_client.size() < to_client.size());
          ++i) {
         w.turn();
         at_backend += receive(backends[0]);
