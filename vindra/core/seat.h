@@ -88,8 +88,8 @@ struct seat {
     int buffer_used = 0;
     /// The roster visits the connection in every turn.
     bool awake = false;
-    /// The last read brought much, so the next one may.
-    bool reads_much = false;
+    /// How many more small reads may go straight into a queue.
+    std::uint8_t direct_reads = 0;
     /// A first pass has visited the connection since it was enrolled.
     bool serviced = false;
 };

@@ -253,20 +253,26 @@ void server_base::read_(connection& conn, char* receive_buffer, std::time_t now)
     if (count == 0) remove_visited_();
 }
 
-// Behind a large read, the next one goes straight to where on_recv() would copy it. For a small
-// one, making room there costs more than the copy.
+// Behind a large read, the next ones go straight to where on_recv() would copy them, until a few
+// were small. For a small one, making room there costs more than the copy; but the last read of a
+// large answer is often small, and the first one of the next answer is not.
 int server_base::receive_(connection& conn, char* buffer) {
     constexpr int much = 16384;
+    constexpr std::uint8_t few = 4;
     seat& s = seat::of(conn);
     // A session cannot write into more than one piece.
-    const bool direct = s.reads_much && conn.ssl == nullptr;
+    const bool direct = s.direct_reads > 0 && conn.ssl == nullptr;
     const seat::queues* const queues = direct ? queues_of_(conn) : nullptr;
     base::byte_queue* const target = queues != nullptr ? queues->target(conn) : nullptr;
     const int count = target != nullptr ? receive_blocks_(conn, *target)
                                         : recv(&conn, buffer, receive_buffer_size);
     if (count <= 0) return count;
 
-    s.reads_much = count >= much;
+    if (count >= much) {
+        s.direct_reads = few;
+    } else if (s.direct_reads > 0) {
+        --s.direct_reads;
+    }
     if (target != nullptr) {
         queues->arrived(conn, count);
     } else {
