@@ -66,7 +66,14 @@ def raise_descriptors():
     resource.setrlimit(resource.RLIMIT_NOFILE, (max(DESCRIPTORS, min(hard, 20000)), hard))
 
 
-def described(build):
+def peers(start=lambda program: [program]):
+    """The releases of nginx and HAProxy, which `start` says how to call."""
+    nginx = said_by(*start("nginx"), "-v").strip().rpartition("/")[2]
+    haproxy = re.search(r"version (\S+)", said_by(*start("haproxy"), "-v")).group(1)
+    return {"nginx": nginx, "haproxy": haproxy}
+
+
+def described(build, start_newer=None):
     """Everything that a figure depends on."""
     cache = (build / "CMakeCache.txt").read_text()
     compiler = re.search(r"^CMAKE_CXX_COMPILER:\w+=(.*)$", cache, re.M).group(1)
@@ -83,8 +90,8 @@ def described(build):
         "compiler": said_by(compiler, "--version").splitlines()[0],
         "flags": flags,
         "vindra": said_by("git", "-c", "safe.directory=*", "-C", ROOT, "describe", "--always", "--dirty").strip(),
-        "nginx": said_by("nginx", "-v").strip().rpartition("/")[2],
-        "haproxy": re.search(r"version (\S+)", said_by("haproxy", "-v")).group(1),
+        **peers(),
+        **({"newer": peers(start_newer)} if start_newer else {}),
         "wrk": re.search(r"wrk (\S+)", subprocess.run(["wrk", "-v"], stdout=subprocess.PIPE, text=True,
                                                       check=False).stdout).group(1),
         "openssl": said_by("openssl", "version").split()[1],

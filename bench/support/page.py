@@ -13,6 +13,11 @@ TEMPLATE = ROOT / "bench/benchmarks.md.in"
 REASONS = ROOT / "bench/reasons.toml"
 PICTURES = "pictures"
 
+NEWER = """\
+- The columns "newer" are the peers of a later Debian (`bench/newer_peers`), with its C library and its
+  OpenSSL. They take part where processor time is what counts. A goal that names the best peer means
+  these too."""
+
 # The tables: in which rows, and the servers that stand in it whether or not the rows have them.
 COST = ("get_1", "get_64", "get_400", "get_64k", "get_1m", "new", "tls", "handshake")
 IDLE = ("idle_0", "idle_1000", "idle_5000", "idle_9000")
@@ -37,6 +42,7 @@ def text(record, drawn):
     found = record["rows"]
     parts = {
         "machine": machine(record["machine"]),
+        "newer": NEWER if "newer" in record["machine"] else "",
         "rounds": str(record["options"]["rounds"]),
         "seconds": f"{record['options']['seconds']:g}",
         "goals": goals(found),
@@ -83,6 +89,8 @@ def machine(found):
                      ["compiler", f"{found['compiler']}, `{found['flags']}`"],
                      ["vindra", found["vindra"]],
                      ["peers", f"nginx {found['nginx']}, HAProxy {found['haproxy']}"],
+                     *([["newer peers", f"nginx {found['newer']['nginx']}, HAProxy {found['newer']['haproxy']}"]]
+                       if "newer" in found else []),
                      ["load", f"wrk {found['wrk']}"],
                      ["TLS", f"OpenSSL {found['openssl']}"]]).replace("--:", "---")
 

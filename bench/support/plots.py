@@ -12,8 +12,9 @@ matplotlib.rcParams.update({"svg.hashsalt": "vindra", "svg.fonttype": "none", "f
 
 from matplotlib import pyplot  # noqa: E402: what was chosen above holds for it
 
-COLOURS = {"vindra": "#b3432b", "nginx": "#3f7d4e", "nginx with log": "#8fbf9b", "nginx unpooled": "#c9dfcd",
-           "nginx unbuffered": "#8fbf9b", "haproxy": "#35618f", "haproxy with log": "#90b0d0", "floor": "#999999",
+COLOURS = {"vindra": "#b3432b", "nginx": "#3f7d4e", "nginx newer": "#2a5234", "nginx with log": "#8fbf9b",
+           "nginx unpooled": "#c9dfcd", "nginx unbuffered": "#8fbf9b", "haproxy": "#35618f",
+           "haproxy newer": "#22405e", "haproxy with log": "#90b0d0", "floor": "#999999",
            "vindra, log to /dev/null": "#d9917f", "vindra, log to a pipe": "#ecc8bf"}
 
 # File, label of the axis, figure, and the groups of bars: rows by the words below them.

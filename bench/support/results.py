@@ -5,8 +5,8 @@ import statistics
 from support import pairs
 from support.rows import EARLIER, FIGURES, ROWS
 
-SERVERS = ("vindra", "nginx", "nginx with log", "nginx unpooled", "nginx unbuffered", "haproxy", "haproxy with log",
-           "floor", "vindra, log to /dev/null", "vindra, log to a pipe")
+SERVERS = ("vindra", "nginx", "nginx newer", "nginx with log", "nginx unpooled", "nginx unbuffered", "haproxy",
+           "haproxy newer", "haproxy with log", "floor", "vindra, log to /dev/null", "vindra, log to a pipe")
 
 
 # The share of a measurement for which the server may wait for its processor. The kernel's own threads

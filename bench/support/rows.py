@@ -9,6 +9,8 @@ import statistics
 import typing
 
 PEERS = ("nginx", "haproxy")
+# Later releases of the same, where bench/run is given some.
+NEWER_PEERS = ("nginx newer", "haproxy newer")
 BULK_PEERS = ("nginx", "nginx unbuffered", "haproxy")
 # An earlier build of vindra, measured beside this one.
 EARLIER = "earlier"
@@ -53,6 +55,11 @@ class Row:
     # Among the few that give a first impression.
     quick: bool = False
 
+    @property
+    def compares_costs(self):
+        """Whether peers take part whose processor time is what counts."""
+        return set(PEERS) <= set(self.servers) and self.figure in ("us_per_request", "ms_per_gib")
+
 
 def median(results, row, server, figure):
     """None where the run has no such figure."""
@@ -65,7 +72,10 @@ def of_best_peer(row, limit, figure="us_per_request", peers=PEERS, called="the b
     def value(results):
         ours = median(results, row, "vindra", figure)
         theirs = [median(results, row, peer, figure) for peer in peers]
-        return None if ours is None or None in theirs else ours / min(theirs)
+        if ours is None or None in theirs:
+            return None
+        newer = [median(results, row, peer, figure) for peer in NEWER_PEERS] if len(peers) > 1 else []
+        return ours / min(theirs + [cost for cost in newer if cost is not None])
     return Goal(f"at most {limit:.2f} of {called}", limit, value)
 
 

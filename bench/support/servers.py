@@ -8,9 +8,11 @@ import contextlib
 import dataclasses
 import os
 import pathlib
+import platform
 import signal
 import subprocess
 import time
+import typing
 
 from support.failure import Failure
 from support.processes import await_listener, first_child, held_port, running
@@ -31,6 +33,8 @@ class Environment:
     certificate: pathlib.Path
     # The program of an earlier build.
     earlier: pathlib.Path = None
+    # How later releases of the peers are started: what newer_peers() returns.
+    newer: typing.Callable = None
 
 
 @dataclasses.dataclass
@@ -42,6 +46,18 @@ class Server:
     pid: int
     log: pathlib.Path = None
     started: float = 0
+
+
+def newer_peers(folder):
+    """How to start the peers of a later Debian, unpacked in `folder`: with the libraries of that release."""
+    libraries = folder / f"usr/lib/{platform.machine()}-linux-gnu"
+    loader = next(libraries.glob("ld-linux*"))
+    return lambda program: [loader, "--library-path", libraries, folder / "usr/sbin" / program]
+
+
+def installed(program):
+    """How to start a peer of this machine."""
+    return [program]
 
 
 NGINX_FRAME = """
@@ -140,7 +156,9 @@ class Servers:
             "nginx with log": lambda *a: self._nginx(*a, log=True),
             "nginx unpooled": lambda *a: self._nginx(*a, pooled=False),
             "nginx unbuffered": lambda *a: self._nginx(*a, more=UNBUFFERED),
+            "nginx newer": lambda *a: self._nginx(*a, peer=self.environment.newer),
             "haproxy": self._haproxy,
+            "haproxy newer": lambda *a: self._haproxy(*a, peer=self.environment.newer),
             "haproxy with log": lambda *a: self._haproxy(*a, log=True),
             "floor": self._floor,
         }
@@ -194,7 +212,7 @@ class Servers:
             stack.enter_context(running(LOAD_CORE, ["cat"], stdin=end))
         return stack.enter_context(open(writing, "wb"))
 
-    def _nginx(self, stack, name, port, backend, tls, log=False, pooled=True, more=""):
+    def _nginx(self, stack, name, port, backend, tls, log=False, pooled=True, more="", peer=installed):
         environment = self.environment
         body = NGINX_PROXY.format(
             port=port, more=more,
@@ -206,20 +224,21 @@ class Servers:
                  f"ssl_certificate_key {environment.key};") if tls else "")
         file = environment.folder / "nginx.log"
         started = time.monotonic()
-        worker = self._run_nginx(stack, "proxy", port, body, f"{file} combined" if log else "off", PROXY_CORE)
+        worker = self._run_nginx(stack, "proxy", port, body, f"{file} combined" if log else "off", PROXY_CORE,
+                                 peer)
         return Server(name, port, worker, file if log else None, started)
 
-    def _run_nginx(self, stack, name, port, body, log, core):
+    def _run_nginx(self, stack, name, port, body, log, core, peer=installed):
         """Returns the worker's pid: the master does nothing while requests come."""
         folder = self.environment.folder
         configuration = folder / f"{name}.conf"
         configuration.write_text(NGINX_FRAME.format(folder=folder, name=name, body=body, log=log))
-        command = ["nginx", "-e", "stderr", "-p", folder, "-c", configuration]
+        command = [*peer("nginx"), "-e", "stderr", "-p", folder, "-c", configuration]
         process = stack.enter_context(running(core, command))
         await_listener(process, port)
         return first_child(process)
 
-    def _haproxy(self, stack, name, port, backend, tls, log=False):
+    def _haproxy(self, stack, name, port, backend, tls, log=False, peer=installed):
         environment = self.environment
         pem = environment.folder / "haproxy.pem"
         pem.write_bytes(environment.certificate.read_bytes() + environment.key.read_bytes())
@@ -232,7 +251,7 @@ class Servers:
         output = stack.enter_context(open(file, "wb")) if log else subprocess.DEVNULL
         # It has something to say at every start, and -q would silence the log as well.
         errors = stack.enter_context(open(environment.folder / "haproxy.err", "w+"))
-        command = ["haproxy", "-db", "-f", configuration]
+        command = [*peer("haproxy"), "-db", "-f", configuration]
         process = stack.enter_context(running(PROXY_CORE, command, stdout=output, stderr=errors))
         try:
             await_listener(process, port)

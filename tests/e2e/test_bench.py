@@ -5,6 +5,7 @@ import importlib.util
 import json
 import os
 import pathlib
+import platform
 import re
 import signal
 import subprocess
@@ -48,6 +49,7 @@ def descendants(pid):
     ["--rounds", "0"], ["--rounds", "many"], ["--rounds"], ["--seconds", "-1"], ["--seconds", "nan"],
     ["--only", "nothing"], ["--only", "get_1", "--only", "nothing"], ["--unknown"], ["word"],
     ["--against"], ["--against", "/nowhere/at/all"], ["--against", "/"], ["--against", BENCH / "reasons.toml"],
+    ["--newer"], ["--newer", "/nowhere/at/all"], ["--newer", BENCH],
     ["--repeats", "-1"], ["--repeats", "some"], ["--ours", "yes"],
     ["--json", "/nowhere/at/all.json"], ["--out", "/nowhere/at/all"],
 ], ids=lambda words: " ".join(map(str, words)))
@@ -78,6 +80,49 @@ def test_a_short_run_leaves_numbers_and_a_page_of_them(tmp_path):
     assert [str(name) for name in names] == ["benchmarks.md", "pictures/cost_per_request.svg"]
     for name in names:
         assert (pages[0] / name).read_bytes() == (pages[1] / name).read_bytes()
+
+
+@pytest.fixture(name="newer_root")
+def a_root_with_the_peers_of_this_machine(tmp_path):
+    """What bench/newer_peers makes, of links."""
+    root = tmp_path / "newer"
+    (root / "usr/lib").mkdir(parents=True)
+    (root / "usr/sbin").symlink_to("/usr/sbin")
+    name = f"{platform.machine()}-linux-gnu"
+    (root / "usr/lib" / name).symlink_to(f"/usr/lib/{name}")
+    return root
+
+
+def test_later_peers_take_part_where_costs_are_compared(tmp_path, newer_root):
+    numbers = tmp_path / "numbers.json"
+    run = bench("run", "--newer", newer_root, "--rounds", 1, "--seconds", 0.2, "--repeats", 0, "--only", "tls",
+                "--only", "start", "--json", numbers, "--out", tmp_path)
+    assert (run.returncode, run.stderr) == (0, "")
+    record = json.loads(numbers.read_text())
+    assert set(record["rows"]["tls"]) == {"vindra", "nginx", "haproxy", "nginx newer", "haproxy newer"}
+    assert set(record["rows"]["start"]) == {"vindra", "nginx", "haproxy", "floor"}
+    assert set(record["machine"]["newer"]) == {"nginx", "haproxy"}
+    assert "newer peers" in (tmp_path / "benchmarks.md").read_text()
+
+
+def test_a_goal_of_the_best_peer_means_the_later_ones_too(tmp_path):
+    record = json.loads((BENCH / "results" / "latest.json").read_text())
+    record["rows"] = {"tls": {name: [{"us_per_request": cost}] for name, cost in
+                              [("vindra", 8), ("nginx", 16), ("haproxy", 20), ("haproxy newer", 10)]}}
+    numbers = tmp_path / "numbers.json"
+    numbers.write_text(json.dumps(record))
+    assert bench("report", numbers, tmp_path).returncode == 0
+    text = (tmp_path / "benchmarks.md").read_text()
+    assert "| at most 0.90 of the best peer | 0.80 | yes |" in text
+
+
+@pytest.mark.parametrize("words, status", [
+    ([], 2), (["trixie"], 2), (["a b", "new"], 2), (["http://x", "new"], 2), (["trixie", BENCH], 1)],
+    ids=lambda words: " ".join(map(str, words)) if isinstance(words, list) else str(words))
+def test_newer_peers_refuses_a_wrong_argument_in_one_line(words, status):
+    refused = bench("newer_peers", *words)
+    assert (refused.returncode, refused.stdout) == (status, "")
+    assert refused.stderr.startswith("newer_peers: ") and refused.stderr.count("\n") == 1, refused.stderr
 
 
 @pytest.fixture(name="pairs", scope="module")
