@@ -53,7 +53,8 @@ def build():
     linking = f"{RUNTIME} -fuse-ld=lld -Wl,--export-dynamic-symbol={MARK}"
     output_of("cmake", "-S", TREE, "-B", OBJECTS, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug",
               f"-DCMAKE_CXX_FLAGS_DEBUG={FLAGS}", f"-DCMAKE_EXE_LINKER_FLAGS={linking}",
-              "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON", "-DVINDRA_EXAMPLES=OFF", "-DVINDRA_INSTALL=OFF")
+              "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON", "-DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON",
+              "-DVINDRA_EXAMPLES=OFF", "-DVINDRA_INSTALL=OFF")
     names = []
     for file in sorted(TREE.glob("tests/*/CMakeLists.txt")):
         names += re.findall(r"^vindra_test\(\s*(\w+)", file.read_text(), re.MULTILINE)

@@ -1,0 +1,1 @@
+// Made for its precompiled header.
