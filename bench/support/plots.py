@@ -20,8 +20,9 @@ COLOURS = {"vindra": "#b3432b", "nginx": "#3f7d4e", "nginx newer": "#2a5234", "n
 # File, label of the axis, figure, and the groups of bars: rows by the words below them.
 BARS = (
     ("cost_per_request", "µs of processor time a request", "us_per_request",
-     {"get_1": "1 connection", "get_64": "64", "get_400": "400", "get_64k": "64 KiB, 32", "new": "a new one\na request",
+     {"get_64": "64 connections", "get_400": "400", "get_64k": "64 KiB, 32", "new": "a new one\na request",
       "tls": "TLS, 32"}),
+    ("cost_of_one_connection", "µs of processor time a request", "us_per_request", {"get_1": ""}),
     ("cost_per_gib", "ms of processor time a GiB", "ms_per_gib",
      {"download": "256 MiB download", "upload": "96 MiB upload"}),
     ("cost_of_heavy_requests", "µs of processor time a request", "us_per_request",
