@@ -30,7 +30,8 @@ struct seat {
     using quiet_test = bool (*)(const connection&);
 
     /// What a class of the library's own tells of its queues, so that a server can move bytes in
-    /// whole blocks, past the class's hooks and past buffers.
+    /// whole blocks, past the class's hooks and past buffers. The queues belong to the connection,
+    /// and are asked for anew for each read and each output.
     struct queues {
         /// The queue from which on_send() takes; null while on_send() does anything else.
         base::byte_queue* (*source)(connection&);
@@ -75,7 +76,8 @@ struct seat {
     /// gave. Derived classes have not made its promise.
     const std::type_info* promised_by = nullptr;
     quiet_test is_quiet = nullptr;
-    /// Null for all but a few classes of the library's own. Holds as the promise does.
+    /// Null for all but a few classes of the library's own, whose tables live as long as the
+    /// process. Holds as the promise does.
     const queues* moves = nullptr;
     /// Blocks of that queue that are on their way out, instead of bytes in `send_buffer`: as many
     /// bytes as `send_length`. Null when there are none.

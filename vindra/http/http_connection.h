@@ -364,6 +364,7 @@ private:
 
     /// True, with a warning, if the request has passed `max_request_length`.
     bool refuses_more_() const;
+    /// The same without the warning.
     bool is_too_long_() const { return max_request_length > 0 && received > max_request_length; }
     /// True if the next block is only counted and given to on_data().
     bool reads_body_() const;

@@ -29,7 +29,8 @@ http_proxy::http_proxy() {
 
 http_proxy::~http_proxy() = default;
 
-// Only where on_send() would take from the pipe, and on_recv() fill it, and do little else.
+// Only where on_send() would take from the pipe and do nothing else, and on_recv() would fill it
+// and do no more than count.
 void http_proxy::move_blocks_() {
     static constexpr seat::queues moves = {
         .source = [](connection& conn) -> base::byte_queue* {
